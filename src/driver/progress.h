@@ -1,0 +1,25 @@
+// Progress counters, the counting walk and the progress thread.
+#ifndef MEDIAWALK_DRIVER_PROGRESS_H_
+#define MEDIAWALK_DRIVER_PROGRESS_H_
+
+#include <dirent.h>
+#include <stdint.h>
+
+#include <atomic>
+
+// Written by the main thread alone, read by the progress thread; a reading
+// one update behind only delays the display.
+extern std::atomic<int32_t> total_file_cnt;  // files of a known class under the share
+extern std::atomic<int32_t> total_scan_cnt;  // files of a known class handled so far
+extern std::atomic<int32_t> scan_finished;   // 1 once the scan phases are over
+
+// Counts the files of a known class in folder `path` (ending in "/") and
+// below it, depth-first; each one also advances total_file_cnt. The caller
+// opens `dir` on path and closes it.
+int32_t Cnt_total_file(const char* path, DIR* dir);
+
+// Body of the progress thread: publishes both counters every 3 seconds until
+// scan_finished is 1. Started detached-in-effect (never joined).
+void* progress_thread(void* unused);
+
+#endif  // MEDIAWALK_DRIVER_PROGRESS_H_
