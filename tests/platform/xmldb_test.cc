@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
+#include <poll.h>
 #include <sched.h>
 #include <stdlib.h>
 #include <string.h>
@@ -48,17 +49,23 @@ std::string status_reply(uint32_t status) {
   return r;
 }
 
+// A UNIX stream socket bound to path, or -1.
+int bound_socket(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  memcpy(addr.sun_path, path.c_str(), path.size());
+  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return fd;
+  close(fd);
+  return -1;
+}
+
 // A daemon on a UNIX socket that serves one connection at a time: it records
 // the request, then sends the reply chunks, each only once the client has
 // read the one before, so every chunk arrives in a read of its own.
 class FakeDaemon {
  public:
-  explicit FakeDaemon(const std::string& path) : path_(path) {
-    listen_fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    memcpy(addr.sun_path, path.c_str(), path.size());
-    bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  explicit FakeDaemon(const std::string& path) : path_(path), listen_fd_(bound_socket(path)) {
     listen(listen_fd_, 4);
   }
   ~FakeDaemon() {
@@ -76,7 +83,8 @@ class FakeDaemon {
 
  private:
   void serve_one(const std::vector<std::string>& chunks) {
-    const int fd = accept(listen_fd_, nullptr, nullptr);
+    pollfd p = {listen_fd_, POLLIN, 0};  // a client that never comes fails the test, not hangs it
+    const int fd = poll(&p, 1, 5000) == 1 ? accept(listen_fd_, nullptr, nullptr) : -1;
     uint8_t head[12];
     if (fd >= 0 && read_full(fd, head, sizeof head)) {
       memcpy(&request_.action, head, 2);
@@ -134,63 +142,65 @@ int to_buffer(size_t size, const std::function<int(char*, size_t)>& call, std::s
   return rc;
 }
 
-using Call = std::function<int(const char* sock, std::string* text)>;
+using StatusFn = int (*)(const char*, uint32_t, const char*);
+using SetFn = int (*)(const char*, uint32_t, const char*, const char*);
+using BufferFn = int (*)(const char*, uint32_t, const char*, char*, size_t);
+using StreamFn = int (*)(const char*, uint32_t, const char*, FILE*);
 
+// One operation per row; exactly one of its function pointers is set.
 struct KindCase {
   const char* name;
   uint16_t action;
-  std::string payload;  // without the zero byte
-  bool text_reply;
-  Call call;
+  StatusFn status;
+  SetFn set;
+  BufferFn buffer;
+  StreamFn stream;
 };
 
+const char kNode[] = "/runtime/scan_media/total_file";
+
+// Calls the operation with kNode (and the value "12" for the set kinds);
+// returns its result, the text reply in *text, the payload it should send in *payload.
+int call(const KindCase& c, const char* sock, std::string* text, std::string* payload) {
+  *payload = c.set ? kNode + " 12"s : kNode;
+  if (c.status) return c.status(sock, kFlags, kNode);
+  if (c.set) return c.set(sock, kFlags, kNode, "12");
+  if (c.buffer) return to_buffer(64, [&](char* b, size_t n) { return c.buffer(sock, kFlags, kNode, b, n); }, text);
+  return to_stream([&](FILE* f) { return c.stream(sock, kFlags, kNode, f); }, text);
+}
+
 const KindCase kKinds[] = {
-    {"get", 1, "/runtime/a", true,
-     [](const char* s, std::string* t) {
-       return to_buffer(64, [s](char* b, size_t n) { return xmldbc_get(s, kFlags, "/runtime/a", b, n); }, t);
-     }},
-    {"get_wb", 1, "/runtime/a", true,
-     [](const char* s, std::string* t) {
-       return to_stream([s](FILE* f) { return xmldbc_get_wb(s, kFlags, "/runtime/a", f); }, t);
-     }},
-    {"set", 2, "/runtime/scan_media/total_file 12", false,
-     [](const char* s, std::string*) { return xmldbc_set(s, kFlags, "/runtime/scan_media/total_file", "12"); }},
-    {"act3", 3, "three", false, [](const char* s, std::string*) { return xmldbc_act3(s, kFlags, "three"); }},
-    {"act4", 4, "four", false, [](const char* s, std::string*) { return xmldbc_act4(s, kFlags, "four"); }},
-    {"act5", 5, "five", false, [](const char* s, std::string*) { return xmldbc_act5(s, kFlags, "five"); }},
-    {"act6", 6, "", false, [](const char* s, std::string*) { return xmldbc_act6(s, kFlags, ""); }},
-    {"act10", 10, "ten", true,
-     [](const char* s, std::string* t) {
-       return to_buffer(64, [s](char* b, size_t n) { return xmldbc_act10(s, kFlags, "ten", b, n); }, t);
-     }},
-    {"act10_wb", 10, "ten", true,
-     [](const char* s, std::string* t) {
-       return to_stream([s](FILE* f) { return xmldbc_act10_wb(s, kFlags, "ten", f); }, t);
-     }},
-    {"set11", 11, "/n v w", false, [](const char* s, std::string*) { return xmldbc_set11(s, kFlags, "/n", "v w"); }},
-    {"act12", 12, "twelve", false, [](const char* s, std::string*) { return xmldbc_act12(s, kFlags, "twelve"); }},
-    {"act13", 13, "13", false, [](const char* s, std::string*) { return xmldbc_act13(s, kFlags, "13"); }},
-    {"act14_wb", 14, "fourteen", true,
-     [](const char* s, std::string* t) {
-       return to_stream([s](FILE* f) { return xmldbc_act14_wb(s, kFlags, "fourteen", f); }, t);
-     }},
+    {"get", 1, nullptr, nullptr, xmldbc_get, nullptr},
+    {"get_wb", 1, nullptr, nullptr, nullptr, xmldbc_get_wb},
+    {"set", 2, nullptr, xmldbc_set, nullptr, nullptr},
+    {"act3", 3, xmldbc_act3, nullptr, nullptr, nullptr},
+    {"act4", 4, xmldbc_act4, nullptr, nullptr, nullptr},
+    {"act5", 5, xmldbc_act5, nullptr, nullptr, nullptr},
+    {"act6", 6, xmldbc_act6, nullptr, nullptr, nullptr},
+    {"act10", 10, nullptr, nullptr, xmldbc_act10, nullptr},
+    {"act10_wb", 10, nullptr, nullptr, nullptr, xmldbc_act10_wb},
+    {"set11", 11, nullptr, xmldbc_set11, nullptr, nullptr},
+    {"act12", 12, xmldbc_act12, nullptr, nullptr, nullptr},
+    {"act13", 13, xmldbc_act13, nullptr, nullptr, nullptr},
+    {"act14_wb", 14, nullptr, nullptr, nullptr, xmldbc_act14_wb},
 };
 
 class XmldbKinds : public XmldbTest, public ::testing::WithParamInterface<KindCase> {};
 
 TEST_P(XmldbKinds, FramesRequestAndReadsReply) {
   const KindCase& c = GetParam();
+  const bool text_reply = c.buffer || c.stream;
   FakeDaemon daemon(sock_);
-  daemon.serve({c.text_reply ? "value\0"s : status_reply(41)});
-  std::string text;
-  const int rc = c.call(sock_.c_str(), &text);
+  daemon.serve({text_reply ? "value\0"s : status_reply(41)});
+  std::string text, payload;
+  const int rc = call(c, sock_.c_str(), &text, &payload);
   const Request r = daemon.request();
   EXPECT_EQ(r.action, c.action);
-  EXPECT_EQ(r.length, c.payload.size() + 1);
+  EXPECT_EQ(r.length, payload.size() + 1);
   EXPECT_EQ(r.flags, kFlags);
   EXPECT_EQ(r.reserved, 0u);
-  EXPECT_EQ(r.payload, c.payload + '\0');
-  if (c.text_reply) {
+  EXPECT_EQ(r.payload, payload + '\0');
+  if (text_reply) {
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(text, "value");
   } else {
@@ -202,16 +212,13 @@ TEST_P(XmldbKinds, MissingDaemonFailsAtOnceAndSilently) {
   const KindCase& c = GetParam();
   const std::string too_long = "/" + std::string(300, 'p');
   const std::string refused = dir_ + "/refused";  // a socket nobody listens on
-  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  memcpy(addr.sun_path, refused.c_str(), refused.size());
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  const int fd = bound_socket(refused);
+  ASSERT_GE(fd, 0);
   for (const std::string& path : {sock_, refused, too_long, dir_}) {
     FdCapture out(1), err(2);
-    std::string text;
+    std::string text, payload;
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(c.call(path.c_str(), &text), -1) << path;
+    EXPECT_EQ(call(c, path.c_str(), &text, &payload), -1) << path;
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
     EXPECT_EQ(out.text() + err.text(), "");
   }
