@@ -19,10 +19,10 @@
 // that accepts but never answers blocks the call.
 //
 // Operations ending in _wb copy the text reply onto out (standard output
-// when null) and return 0. The others that fill a buffer read the reply with
-// one successful read into buf[size] (at most size-1 bytes, always
-// zero-terminated; the daemon is expected to answer in one piece) and return
-// 0; buf must not be null and size must be at least 1.
+// when null) and return 0. xmldbc_get and xmldbc_act10 keep what their first
+// successful read brings into buf[size]: at most size-1 bytes, always
+// zero-terminated, as the daemon answers in one piece. They return 0, or -1
+// without connecting when buf is null or size is 0.
 #ifndef MEDIAWALK_PLATFORM_XMLDB_H_
 #define MEDIAWALK_PLATFORM_XMLDB_H_
 
