@@ -218,7 +218,7 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
     if (end > 0) file_size = end;
   }
   info->file_size = static_cast<uint32_t>(file_size);  // the record keeps the low 32 bits
-  if (fseeko(f, 0, SEEK_SET) != 0) clearerr(f);
+  rewind(f);
 
   uint8_t block[kBlockSize];
   if (fread(block, 1, sizeof block, f) < sizeof block) {
