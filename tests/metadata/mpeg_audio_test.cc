@@ -494,7 +494,7 @@ TEST_F(Mp3File, SurvivesDamagedInput) {
   add_frames(&clean, k128, 4);
   const Bytes middle = ten_rates();
   clean.insert(clean.end(), middle.begin(), middle.end());
-  add_frames(&clean, k320, 4);
+  add_frames(&clean, k128, 12);
 
   for (int round = 0; round < 120; ++round) {
     SCOPED_TRACE(round);
@@ -505,11 +505,16 @@ TEST_F(Mp3File, SurvivesDamagedInput) {
         const uint32_t r = next();
         b = (r & 3) == 0 ? 0xFF : (r & 3) == 1 ? uint8_t(0xE0 | (r >> 8 & 0x1F)) : uint8_t(r >> 16);
       }
-      if (round % 2) memcpy(s.data(), "ID3\3\0\0", 6);
+      if (round % 2) {
+        const uint32_t tag = next() % 600;
+        const uint8_t head[10] = {'I', 'D', '3', 3, 0, 0, 0, 0, uint8_t(tag >> 7), uint8_t(tag & 0x7F)};
+        memcpy(s.data(), head, sizeof head);
+      }
     } else {
       s = clean;
-      s.resize(1024 + next() % (clean.size() - 1023));
-      for (int i = 0; i < 12; ++i) s[next() % s.size()] = uint8_t(next());
+      if (round % 3 == 1) s.resize(1024 + next() % (clean.size() - 1023));
+      for (int i = 0; i < 6; ++i) s[next() % s.size()] = uint8_t(next());
+      if (round % 4 == 0) s[310 + next() % 4] = uint8_t(next());  // the frame behind the tag
     }
     write(s);
     reset_record();
