@@ -69,5 +69,6 @@ set(CMAKE_MAKEFILE_PRODUCTS
 set(CMAKE_DEPEND_INFO_FILES
   "CMakeFiles/mediawalk_core.dir/DependInfo.cmake"
   "CMakeFiles/mediawalk.dir/DependInfo.cmake"
+  "CMakeFiles/detect_char_encode.dir/DependInfo.cmake"
   "tests/CMakeFiles/unit_tests.dir/DependInfo.cmake"
   )
