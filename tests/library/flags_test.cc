@@ -76,6 +76,7 @@ struct FailCase {
   const char* setup;
   const char* output;  // {dir} stands for the share root's path
 };
+void PrintTo(const FailCase& c, std::ostream* os) { *os << c.name; }
 
 class FlagsFailure : public Flags, public ::testing::WithParamInterface<FailCase> {};
 

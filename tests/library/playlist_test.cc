@@ -51,6 +51,7 @@ struct ListCase {
   const char* pls_file;  // PlsFile stored for the playlist row
   const char* output;    // {dir} and {pl} stand for the folder and the playlist path
 };
+void PrintTo(const ListCase& c, std::ostream* os) { *os << c.name; }
 
 class PlaylistLines : public Playlist, public ::testing::WithParamInterface<ListCase> {};
 
@@ -111,6 +112,7 @@ struct CapCase {
   const char* miss_digit;
   const char* over_msg;
 };
+void PrintTo(const CapCase& c, std::ostream* os) { *os << c.ext << " from No " << c.first_no; }
 
 class PlaylistCap : public Playlist, public ::testing::WithParamInterface<CapCase> {};
 

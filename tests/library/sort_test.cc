@@ -70,21 +70,23 @@ TEST_F(Sort, ListsWithCountsAndConsecutiveIdentifiers) {
   music(3, dir_, "3.mp3", "t", "ROCK", "Bob", "live");
   music(4, dir_, "4.mp3", "t", "rock", "Amy", "Live");
   music(5, dir_, "5.mp3", "t", "", "Others", "Others");
+  music(7, dir_, "7.mp3", "t", "blues", "Amy", "Others");  // binary order alone would put it last
   untagged("music_tbl", 6, dir_, "x.m3u", "m3u");  // its "0" tags form no entry
   EXPECT_EQ(run(1), "");
   EXPECT_EQ(list("music_sortGen_tbl"), (Rows{{"", "1", "3040000000007", "0", "0"},
-                                              {"ROCK", "1", "3040000000008", "0", "0"},
-                                              {"Rock", "1", "3040000000009", "0", "0"},
-                                              {"rock", "2", "3040000000010", "0", "0"}}));
-  EXPECT_EQ(list("music_sortArt_tbl"), (Rows{{"Amy", "1", "3050000000001", "0", "0"},
+                                              {"blues", "1", "3040000000008", "0", "0"},
+                                              {"ROCK", "1", "3040000000009", "0", "0"},
+                                              {"Rock", "1", "3040000000010", "0", "0"},
+                                              {"rock", "2", "3040000000011", "0", "0"}}));
+  EXPECT_EQ(list("music_sortArt_tbl"), (Rows{{"Amy", "2", "3050000000001", "0", "0"},
                                               {"Bob", "2", "3050000000002", "0", "0"},
                                               {"bob", "1", "3050000000003", "0", "0"},
                                               {"Others", "1", "3050000000004", "0", "0"}}));
   // Grouped by album name alone, whoever the artist.
   EXPECT_EQ(list("music_sortAlb_tbl"), (Rows{{"Live", "3", "3060000000001", "0", "0"},
                                               {"live", "1", "3060000000002", "0", "0"},
-                                              {"Others", "1", "3060000000003", "0", "0"}}));
-  EXPECT_EQ(init_objid.music_file_gen_objid, 3040000000011ULL);
+                                              {"Others", "2", "3060000000003", "0", "0"}}));
+  EXPECT_EQ(init_objid.music_file_gen_objid, 3040000000012ULL);
   EXPECT_EQ(init_objid.music_file_art_objid, 3050000000005ULL);
   EXPECT_EQ(init_objid.music_file_alb_objid, 3060000000004ULL);
   EXPECT_EQ(value("select typeof(cnt) || typeof(ObjID) || typeof(reserve1) from music_sortGen_tbl;"),
@@ -118,6 +120,7 @@ struct FailCase {
   unsigned gen_used, art_used;  // identifiers taken from the counters
   bool photo_index_exists = true;
 };
+void PrintTo(const FailCase& c, std::ostream* os) { *os << c.name; }
 
 class SortFailure : public Sort, public ::testing::WithParamInterface<FailCase> {};
 
