@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <string>
 
 #include "library_db.h"
@@ -84,6 +86,8 @@ const ListCase kListCases[] = {
      "2Can't find [c.mp3] in m3u[{pl}]\n2Can't find [other/c.mp3] in m3u[{pl}]\n"},
     {"nul_bytes_end_the_text", "m3u", std::string("a.mp3\0junk\nb.mp3\n", 17), "1,2,", ""},
     {"empty_file", "m3u", "", "", ""},
+    // 511 bytes a read: the rest of a long line comes as a line of its own.
+    {"long_line_read_in_pieces", "m3u", std::string(511, 'x') + "b.mp3\n", "2,", ""},
     {"injection_runs_nothing", "m3u", "x.mp3\"; DROP TABLE music_tbl; --\nb.mp3\n", "2,",
      "parser_playlist():3Execute SQL query Error\n"},
     {"injection_after_extinf", "m3u", "#EXTINF:1,x\nx.mp3\"; DROP TABLE music_tbl; --\n", "",
@@ -159,6 +163,36 @@ TEST_F(Playlist, UnreadablePlaylistKeepsItsRowAndTheRunGoesOn) {
   EXPECT_EQ(pls_file(10), "0");
   EXPECT_EQ(pls_file(11), "0");
   EXPECT_EQ(pls_file(12), "2,");
+}
+
+// fopen succeeds on a folder but every read fails: the read error, not an
+// end of file that never comes, has to end the loop.
+TEST_F(Playlist, ReadErrorEndsThePlaylist) {
+  songs();
+  untagged("music_tbl", 10, dir_, "dir.m3u", "m3u");
+  untagged("music_tbl", 11, dir_, "dir.pls", "pls");
+  ASSERT_EQ(mkdir((dir_ + "dir.m3u").c_str(), 0700), 0);
+  ASSERT_EQ(mkdir((dir_ + "dir.pls").c_str(), 0700), 0);
+  EXPECT_EQ(run(), "");
+  EXPECT_EQ(pls_file(10), "");
+  EXPECT_EQ(pls_file(11), "");
+}
+
+// A folder path and an entry of close to 511 bytes each still make a whole
+// look-up statement: the miss is reported as a miss, not as a query error.
+TEST_F(Playlist, LongestLookUpFits) {
+  std::string folder = dir_;
+  while (folder.size() < 480) {
+    folder += std::string(100, 'd').substr(0, 480 - folder.size()) + "/";
+    ASSERT_EQ(mkdir(folder.c_str(), 0700), 0) << folder;
+  }
+  untagged("music_tbl", 1, folder, "l.m3u", "m3u");
+  const std::string entry = std::string(506, 'e') + ".mp3";
+  FILE* f = fopen((folder + "l.m3u").c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  fprintf(f, "%s\n", entry.c_str());
+  fclose(f);
+  EXPECT_EQ(run(), "2Can't find [" + entry + "] in m3u[" + folder + "l.m3u]\n");
 }
 
 TEST_F(Playlist, FailedFirstQueryEndsThePhase) {
