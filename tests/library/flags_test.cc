@@ -9,11 +9,13 @@
 
 namespace {
 
+using libtest::LibraryDb;
+
 using ::testing::internal::CaptureStdout;
 using ::testing::internal::GetCapturedStdout;
 using Rows = std::vector<std::vector<std::string>>;
 
-class Flags : public LibraryDb {
+class FolderFlags : public LibraryDb {
  protected:
   void SetUp() override {
     LibraryDb::SetUp();
@@ -30,7 +32,7 @@ class Flags : public LibraryDb {
   }
 };
 
-TEST_F(Flags, FolderCountsEverythingBelowIt) {
+TEST_F(FolderFlags, FolderCountsEverythingBelowIt) {
   const std::string& s = dir_;
   folder(s, 0);
   folder(s + "a/", 1);
@@ -66,7 +68,7 @@ TEST_F(Flags, FolderCountsEverythingBelowIt) {
                                       s + "Case/", s + "case/"}));
 }
 
-TEST_F(Flags, EmptyFolderTableRunsNoOtherStatement) {
+TEST_F(FolderFlags, EmptyFolderTableRunsNoOtherStatement) {
   exec("DROP TABLE music_tbl;");  // any count statement would fail on it
   EXPECT_EQ(run(1), "");
 }
@@ -78,9 +80,9 @@ struct FailCase {
 };
 void PrintTo(const FailCase& c, std::ostream* os) { *os << c.name; }
 
-class FlagsFailure : public Flags, public ::testing::WithParamInterface<FailCase> {};
+class FolderFlagsFailure : public FolderFlags, public ::testing::WithParamInterface<FailCase> {};
 
-TEST_P(FlagsFailure, EndsThePhaseWithItsMessage) {
+TEST_P(FolderFlagsFailure, EndsThePhaseWithItsMessage) {
   const FailCase& c = GetParam();
   folder(dir_, 0);
   folder(dir_ + "more/", 1);
@@ -112,7 +114,7 @@ const FailCase kFailCases[] = {
      "have_photo = \"1\" where ROWID =='1';] error[read only]\n"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, FlagsFailure, ::testing::ValuesIn(kFailCases),
+INSTANTIATE_TEST_SUITE_P(Cases, FolderFlagsFailure, ::testing::ValuesIn(kFailCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -16,6 +16,8 @@
 #include "library/schema.h"
 #include "library/sql.h"
 
+namespace libtest {
+
 class LibraryDb : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -155,5 +157,7 @@ class LibraryDb : public ::testing::Test {
   std::string dir_;  // ends in "/", as the walk's folder paths do
   std::string db_path_;
 };
+
+}  // namespace libtest
 
 #endif  // MEDIAWALK_TESTS_LIBRARY_LIBRARY_DB_H_

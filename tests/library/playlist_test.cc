@@ -10,6 +10,8 @@
 
 namespace {
 
+using libtest::LibraryDb;
+
 using ::testing::internal::CaptureStdout;
 using ::testing::internal::GetCapturedStdout;
 

@@ -9,11 +9,13 @@
 
 namespace {
 
+using libtest::LibraryDb;
+
 using ::testing::internal::CaptureStdout;
 using ::testing::internal::GetCapturedStdout;
 using Rows = std::vector<std::vector<std::string>>;
 
-class Sort : public LibraryDb {
+class SortDbtable : public LibraryDb {
  protected:
   std::string run(int expect_result) {
     CaptureStdout();
@@ -32,7 +34,7 @@ class Sort : public LibraryDb {
   }
 };
 
-TEST_F(Sort, MusicByTitleFirstCapitalOnly) {
+TEST_F(SortDbtable, MusicByTitleFirstCapitalOnly) {
   music(1, dir_, "z.mp3", "Zebra");
   music(2, dir_, "a1.mp3", "apple");
   music(3, dir_, "a2.mp3", "Apple");
@@ -46,7 +48,7 @@ TEST_F(Sort, MusicByTitleFirstCapitalOnly) {
             (Rows{{"text", "0", "integer", "0"}}));
 }
 
-TEST_F(Sort, VideosWithoutSubtitlesAndAllPhotos) {
+TEST_F(SortDbtable, VideosWithoutSubtitlesAndAllPhotos) {
   video(1, dir_, "Zoo.mpg");
   video(2, dir_, "beach.mpg");
   untagged("video_tbl", 3, dir_, "Zoo.srt", "srt");
@@ -63,7 +65,7 @@ TEST_F(Sort, VideosWithoutSubtitlesAndAllPhotos) {
             (std::vector<std::string>{"A.jpg", "Bb.jpg", "b.jpg"}));
 }
 
-TEST_F(Sort, ListsWithCountsAndConsecutiveIdentifiers) {
+TEST_F(SortDbtable, ListsWithCountsAndConsecutiveIdentifiers) {
   init_objid.music_file_gen_objid = 3040000000007ULL;  // a step starts where its counter stands
   music(1, dir_, "1.mp3", "t", "rock", "Bob", "Live");
   music(2, dir_, "2.mp3", "t", "Rock", "bob", "Live");
@@ -93,7 +95,7 @@ TEST_F(Sort, ListsWithCountsAndConsecutiveIdentifiers) {
             "texttextinteger");
 }
 
-TEST_F(Sort, NamesAsLongAsTheWalkStoresAreKeptWhole) {
+TEST_F(SortDbtable, NamesAsLongAsTheWalkStoresAreKeptWhole) {
   const std::string name(256, 'n');
   music(1, dir_, "1.mp3", name, std::string(30, 'g'), name, name);
   EXPECT_EQ(run(1), "");
@@ -101,7 +103,7 @@ TEST_F(Sort, NamesAsLongAsTheWalkStoresAreKeptWhole) {
   EXPECT_EQ(value("select name from music_sortAlb_tbl;"), name);
 }
 
-TEST_F(Sort, EmptyMusicTableLeavesTheCounters) {
+TEST_F(SortDbtable, EmptyMusicTableLeavesTheCounters) {
   photo(1, dir_, "a.jpg");
   EXPECT_EQ(run(1), "");
   EXPECT_EQ(value("select count(*) from music_sortidx_tbl;"), "0");
@@ -122,9 +124,9 @@ struct FailCase {
 };
 void PrintTo(const FailCase& c, std::ostream* os) { *os << c.name; }
 
-class SortFailure : public Sort, public ::testing::WithParamInterface<FailCase> {};
+class SortDbtableFailure : public SortDbtable, public ::testing::WithParamInterface<FailCase> {};
 
-TEST_P(SortFailure, StopsAtTheFirstFailure) {
+TEST_P(SortDbtableFailure, StopsAtTheFirstFailure) {
   const FailCase& c = GetParam();
   music(1, dir_, "1.mp3", "t", "Pop", "Amy", "Live");
   music(2, dir_, "2.mp3", "t", "Rock", "Amy", "Live");
@@ -158,7 +160,7 @@ const FailCase kFailCases[] = {
      "6sort_dbtable():SQL query Error[statement too long; not run]\n", 2, 1},
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, SortFailure, ::testing::ValuesIn(kFailCases),
+INSTANTIATE_TEST_SUITE_P(Cases, SortDbtableFailure, ::testing::ValuesIn(kFailCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
