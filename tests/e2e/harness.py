@@ -12,6 +12,7 @@ Environment:
   MEDIAWALK_FIXTURES  committed sample files (default: <repo>/tests/data)
 """
 
+import atexit
 import os
 import shlex
 import shutil
@@ -29,10 +30,20 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
 SANDBOX_SH = os.path.join(HERE, "sandbox.sh")
 
+
+def _hidden_in_sandbox(path):
+    """True for a path under /tmp or /run, which the sandbox replaces: it cannot be seen there."""
+    real = os.path.realpath(path)
+    return any(real == d or real.startswith(d + "/") for d in ("/tmp", os.path.realpath("/run")))
+
+
 BIN = os.path.abspath(os.environ.get("MEDIAWALK_BIN") or os.path.join(REPO, "build", "mediawalk"))
 LAUNCHER = os.environ.get("MEDIAWALK_LAUNCHER", "").split()
-# Real path: tests compare it with what /proc and os.walk report.
+# Real path: tests compare it with what /proc and os.walk report. A checkout under /tmp (as a CI
+# clone may be) would vanish inside the sandbox, so the work then moves to /var/tmp.
 WORK_ROOT = os.path.realpath(os.environ.get("MEDIAWALK_E2E_WORK") or os.path.join(REPO, "build", "tests", "e2e-work"))
+if _hidden_in_sandbox(WORK_ROOT):
+    WORK_ROOT = os.path.join("/var/tmp", "mediawalk-e2e-%d" % os.getuid())
 FIXTURES = os.environ.get("MEDIAWALK_FIXTURES") or os.path.join(REPO, "tests", "data")
 
 # Paths as the program sees them inside the sandbox, relative to the bound folders.
@@ -106,6 +117,24 @@ def require_sandbox(test_case=None):
         if "MEDIAWALK_BIN" in os.environ:
             raise AssertionError("MEDIAWALK_BIN names no file: %s" % BIN)
         raise unittest.SkipTest("end-to-end tests skipped: no binary at %s (build first or set MEDIAWALK_BIN)" % BIN)
+
+
+_binary_copy = None
+
+
+def binary():
+    """The path the sandbox executes: BIN itself, or a copy of it when BIN lies where the sandbox
+    cannot see it. It is also the program name (argv[0]) the program prints."""
+    global _binary_copy
+    if not _hidden_in_sandbox(BIN):
+        return BIN
+    if _binary_copy is None:
+        folder = os.path.join(WORK_ROOT, "bin-%d" % os.getpid())
+        os.makedirs(folder, exist_ok=True)
+        _binary_copy = os.path.join(folder, os.path.basename(BIN))
+        shutil.copy2(BIN, _binary_copy)
+        atexit.register(_rmtree, folder)
+    return _binary_copy
 
 
 def _rmtree(path):
@@ -492,7 +521,7 @@ class Sandbox:
                    "-t", self.tmp, "-r", self.run_dir]
         for name in sorted(self._whiteouts):
             sandbox += ["-w", name]
-        return _namespace_prefix() + sandbox + ["--"] + LAUNCHER + [BIN] + list(args)
+        return _namespace_prefix() + sandbox + ["--"] + LAUNCHER + [binary()] + list(args)
 
     def environment(self):
         env = {"PATH": self.path("bin") + ":" + SYSTEM_PATH, "TZ": self.tz}

@@ -149,7 +149,7 @@ class EarlyExits(SandboxTestCase):
                 res = sb.run()
                 self.assertEqual(res.status, 255, res)
                 # Only the configuration reader speaks, naming the program, when it has no file.
-                expected = b"" if conf is not None else b"error happen: %s\n" % harness.BIN.encode()
+                expected = b"" if conf is not None else b"error happen: %s\n" % harness.binary().encode()
                 self.assertEqual(res.stdout, expected)
                 self.assertEqual(sorted(os.listdir(sb.tmp)), sorted([PROGRESS, RESULT]))
                 self.assertEqual(sb.progress(), progress_text(0, 0, 0))
