@@ -178,6 +178,9 @@ def report(sb, res, made, samples):
     say("==============")
     say("share:     %s  (%d files made here, %d samples from tests/data)" % (sb.share, len(made), samples))
     say("database:  %s" % sb.db_path())
+    detector = "stub answering windows-1252" if sb.detector_calls() or os.path.exists(
+        sb.path("bin", "detect_char_encode.answer")) else "bundled detect_char_encode"
+    say("detector:  %s" % detector)
     say("exit status %d after %.2f s" % (res.status, res.elapsed))
     progress = sb.progress()
     say("/tmp/mediawalkbar_result: %s" % (" | ".join(text(progress).splitlines()) if progress is not None else "(none)"))
@@ -276,6 +279,9 @@ def main():
     try:
         sb.conf(sharename="Media")
         sb.write_codepage("cp850\n")
+        detector = os.environ.get("MEDIAWALK_DETECTOR", "")
+        if detector and os.path.isfile(detector):
+            sb.real_detector(detector)
         made, samples = build_share(sb)
         res = sb.run()
         print(report(sb, res, made, samples))
