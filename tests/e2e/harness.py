@@ -139,16 +139,18 @@ def binary():
 
 def _rmtree(path):
     """Removes a per-test folder, including overlayfs work folders left with mode 000."""
-    def onerror(func, p, _exc):
-        try:
-            os.chmod(os.path.dirname(p), 0o700)
-            if os.path.isdir(p) and not os.path.islink(p):
-                os.chmod(p, 0o700)
-            func(p)
-        except OSError:
-            pass
-    if os.path.lexists(path):
-        shutil.rmtree(path, onerror=onerror)
+    if not os.path.lexists(path):
+        return
+    if os.path.isdir(path) and not os.path.islink(path):
+        for dirpath, dirnames, _ in os.walk(path):
+            for d in dirnames:
+                p = os.path.join(dirpath, d)
+                if not os.path.islink(p):
+                    try:
+                        os.chmod(p, 0o700)
+                    except OSError:
+                        pass
+    shutil.rmtree(path, ignore_errors=True)
 
 
 # --------------------------------------------------------------------------------------------
