@@ -25,6 +25,7 @@ import tempfile
 import threading
 import time
 import unittest
+import urllib.parse
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
@@ -107,9 +108,8 @@ def sandbox_problem():
     return problem or None
 
 
-def require_sandbox(test_case=None):
-    """Skips the calling test (or raises SkipTest at class set-up) when no sandbox is possible
-    or when there is no binary to test."""
+def require_sandbox():
+    """Raises SkipTest when no sandbox is possible here or there is no binary to test."""
     problem = sandbox_problem()
     if problem:
         raise unittest.SkipTest("end-to-end tests skipped: " + problem)
@@ -278,6 +278,11 @@ class XmldbDaemon:
     def snapshot(self):
         with self._lock:
             return list(self.requests)
+
+
+def connect_read_only(path):
+    """Opens a database so that the test can neither create nor change the file it inspects."""
+    return sqlite3.connect("file:%s?mode=ro" % urllib.parse.quote(path), uri=True)
 
 
 # --------------------------------------------------------------------------------------------
@@ -606,8 +611,7 @@ class Sandbox:
         p = self.db_path(mntpath)
         if not os.path.exists(p):
             raise AssertionError("no database at %s" % p)
-        # Read-only through a URI so a test never creates or changes the file it inspects.
-        con = sqlite3.connect("file:%s?mode=ro" % p, uri=True)
+        con = connect_read_only(p)
         con.text_factory = bytes
         return con
 

@@ -366,7 +366,7 @@ class Database(SandboxTestCase):
                 found = sorted(os.path.join(d, f) for d, _, files in os.walk(sb0.root)
                                for f in files if f.startswith("upnpav.db"))
                 self.assertEqual(found, [os.path.normpath(db)])
-                con = sqlite3.connect("file:%s?mode=ro" % db, uri=True)
+                con = harness.connect_read_only(db)
                 self.assertEqual(con.execute("select count(*) from record_objid_tbl").fetchone(), (9,))
                 con.close()
 
