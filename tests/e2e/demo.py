@@ -69,12 +69,12 @@ def gif(width, height):
 
 
 def mpeg1_video(width, height, aspect, rate):
-    """A sequence header, a GOP and a picture start, then the end code: enough to read the size."""
+    """An elementary stream: sequence header, GOP, picture start, end code; enough to read the size."""
     seq = b"\x00\x00\x01\xb3" + bytes([width >> 4, ((width & 0xF) << 4) | (height >> 8), height & 0xFF,
                                        (aspect << 4) | rate, 0xFF, 0xFF, 0xE0, 0x18])
     gop = b"\x00\x00\x01\xb8\x00\x08\x00\x00"
     pic = b"\x00\x00\x01\x00\x00\x0f\xff\xf8"
-    return b"\x00\x00\x01\xba\x44\x00\x04\x00\x04\x01\x01\x89\xc3\xf8" + seq + gop + pic + b"\x00" * 2000 + b"\x00\x00\x01\xb7"
+    return seq + gop + pic + b"\x00" * 2000 + b"\x00\x00\x01\xb7"
 
 
 # ---------------------------------------------------------------------------------------------
@@ -200,7 +200,8 @@ def report(sb, res, made, samples):
         say("  (none)")
     for path, objid, parent, layer, v, m, p in rows:
         flags = "".join(f if x == b"1" else "." for f, x in (("V", v), ("M", m), ("P", p)))
-        say("  [%s] %s%s  (id %s, parent %s)" % (flags, "  " * int(layer), rel(path) or "(share) " + sb.share, text(objid), text(parent)))
+        name = rel(path) or "(share) " + sb.share
+        say("  [%s] %s%s  (id %s, parent %s)" % (flags, "  " * int(layer), name, text(objid), text(parent)))
 
     music = {r[0]: r for r in sb.query(
         "select No, Title, Artist, Album, Genre, Bitrate, Real_Path, Real_fname, Filesize, EXT_fname, PlsFile "
