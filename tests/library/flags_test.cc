@@ -73,6 +73,49 @@ TEST_F(FolderFlags, EmptyFolderTableRunsNoOtherStatement) {
   EXPECT_EQ(run(1), "");
 }
 
+// The flags come from an index of the media paths rather than three LIKE
+// counts per folder; they must be exactly what the counts say, also where
+// SQLite's reading of a path is not byte-wise: A-Z folded but not other
+// letters, invalid UTF-8 read as other characters, wildcards in names.
+TEST_F(FolderFlags, IndexAgreesWithTheLikeCounts) {
+  const std::string& s = dir_;
+  const std::vector<std::string> names = {
+      "Mixed/",     "mixed/",      "MIXED/x/",  "\xc3\x89t\xc3\xa9/", "\xc3\xa9t\xc3\xa9/",
+      "\x80/",       "\xc2\x80/",    "\xc0\x80/", "\xc1\x81/",         "\xef\xbf\xbd/",
+      "a%b/",       "a_b/",        "axb/",      "it's/",             "deep/er/",
+      "deep/",      "\xed\xa0\x80/", "\xf0\x9f\x8e\xb5/", "\xc3/", "\xc3\xa9/",
+  };
+  folder(s, 0);
+  int layer = 1;
+  for (const std::string& n : names) folder(s + n, layer);
+  // Media in some of them only, so that both answers occur.
+  music(1, s + "mixed/", "a.mp3", "a");
+  photo(1, s + "\xc2\x80/", "p.jpg");
+  photo(2, s + "\xc1\x81/", "q.jpg");
+  video(1, s + "a%b/", "v.mpg");
+  untagged("music_tbl", 2, s + "it's/", "l.pls", "pls");
+  music(3, s + "deep/er/", "d.mp3", "d");
+  photo(3, s + "\xef\xbf\xbd/", "r.jpg");
+  music(4, s + "\xc3\xa9/", "e.mp3", "e");
+  video(2, s + "\xf0\x9f\x8e\xb5/", "w.mpg");
+  EXPECT_EQ(run(1), "");
+
+  for (const auto& row : rows("select path,have_video,have_music,have_photo from path_objid_tbl;")) {
+    SCOPED_TRACE(row[0]);
+    std::string expected[3];
+    const char* tables[3] = {"video_tbl", "music_tbl", "photo_tbl"};
+    for (int i = 0; i < 3; ++i) {
+      char sql[1024];
+      snprintf(sql, sizeof sql, "select COUNT(No) from %s where UTF_Path like\"%s%%\" limit 0,1;", tables[i],
+               row[0].c_str());
+      expected[i] = value(sql) >= "1" ? "1" : "0";
+    }
+    EXPECT_EQ(row[1], expected[0]);
+    EXPECT_EQ(row[2], expected[1]);
+    EXPECT_EQ(row[3], expected[2]);
+  }
+}
+
 struct FailCase {
   const char* name;
   const char* setup;
