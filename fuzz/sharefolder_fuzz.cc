@@ -1,0 +1,4 @@
+// libFuzzer target: get_sharefolder_from.
+#include "targets.h"
+
+MEDIAWALK_FUZZ_TARGET(fuzz::ShareFolder)
