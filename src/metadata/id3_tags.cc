@@ -63,6 +63,14 @@ constexpr AnswerCharset kAnswerCharsets[] = {
     {"x-euc-tw", "autodetect_BIG5"},  {"ISO-8859-7", "autodetect_jp"},
 };
 
+// The answer is taken exactly as read: "KOI8-R\n" matches no row.
+const char* charset_for_answer(const char* answer) {
+  for (const AnswerCharset& row : kAnswerCharsets) {
+    if (strcmp(answer, row.answer) == 0) return row.charset;
+  }
+  return "autodetect_utf8";
+}
+
 // A decimal number at the start of text, as atoi reads it but saturating
 // instead of overflowing.
 long leading_number(const char* text) {
@@ -177,13 +185,6 @@ const char* id3_genre_name(int number) {
   return kGenres[number];
 }
 
-const char* id3_charset_for_answer(const char* answer) {
-  for (const AnswerCharset& row : kAnswerCharsets) {
-    if (strcmp(answer, row.answer) == 0) return row.charset;
-  }
-  return "autodetect_utf8";
-}
-
 void id3_build_sample(const struct id3_tag* tag, MusicFileInfo* info, char* sample) {
   memset(sample, 0, kId3SampleSize);
   int frames = 0;
@@ -233,7 +234,7 @@ int scan_get_mp3tags(const char* path, MusicFileInfo* info) {
   // The sample goes to the detector as one argument; no shell sees it.
   char answer[kAnswerSize];
   spawn_read_output("detect_char_encode", sample, answer, sizeof answer, kAnswerRead);
-  const char* charset = id3_charset_for_answer(answer);
+  const char* charset = charset_for_answer(answer);
 
   bool title_set = false, artist_set = false, album_set = false, genre_set = false;
   char packed[kPackedSize];

@@ -45,10 +45,6 @@ int id3_genre_number(const char* text);
 // The genre table's name for 0..148; "Others" (148) for anything else.
 const char* id3_genre_name(int number);
 
-// The source charset that iconv_string is given for a detector answer, taken
-// exactly as read ("KOI8-R\n" is not "KOI8-R").
-const char* id3_charset_for_answer(const char* answer);
-
 // First pass over the frames: sets the compilation flag for a "YTCP" frame
 // and collects into sample[kId3SampleSize] the packed texts of at most five
 // TIT2/TPE1/TALB/COMM/TCOM frames, stopping before the one that would bring

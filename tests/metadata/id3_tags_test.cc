@@ -121,18 +121,6 @@ TEST(Id3Genre, NamesAsSpelledInTheTable) {
   for (const auto& c : cases) EXPECT_STREQ(id3_genre_name(c.number), c.name) << c.number;
 }
 
-TEST(Id3Answer, MatchedExactlyAsRead) {
-  const struct {
-    const char* answer;
-    const char* charset;
-  } cases[] = {
-      {"KOI8-R", "CP1251"},          {"KOI8-R\n", "autodetect_utf8"}, {"koi8-r", "autodetect_utf8"},
-      {"Big5 ", "autodetect_utf8"},  {"IBM855", "autodetect_BIG5"},   {"ISO-8859-7", "autodetect_jp"},
-      {"", "autodetect_utf8"},       {"UTF-8", "autodetect_utf8"},
-  };
-  for (const auto& c : cases) EXPECT_STREQ(id3_charset_for_answer(c.answer), c.charset) << c.answer;
-}
-
 // Tags built in memory for the first pass.
 class Id3Sample : public ::testing::Test {
  protected:
