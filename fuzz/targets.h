@@ -6,6 +6,7 @@
 #ifndef MEDIAWALK_FUZZ_TARGETS_H_
 #define MEDIAWALK_FUZZ_TARGETS_H_
 
+#include <errno.h>
 #include <poll.h>
 #include <sqlite3.h>
 #include <stdint.h>
@@ -13,6 +14,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -23,10 +25,13 @@
 
 #include "bench.h"
 #include "driver/config.h"
+#include "encoding/codepage.h"
+#include "encoding/iconv_string.h"
 #include "library/playlist.h"
 #include "library/schema.h"
 #include "library/sql.h"
 #include "log/err_log.h"
+#include "metadata/id3_tags.h"
 #include "metadata/image.h"
 #include "metadata/mpeg_audio.h"
 #include "metadata/video.h"
@@ -440,6 +445,164 @@ class PlaylistTarget : public Target {
   int rows_ = 0;
 };
 
+// scan_get_mp3tags on a file holding the input after its first byte. The
+// charset detector is a stand-in on PATH that answers what byte 0 picks
+// (every answer the reader maps, and some it does not), so that every
+// conversion route is reached; its start is part of every input's cost.
+class Mp3Tags : public Target {
+ public:
+  Mp3Tags() {
+    const std::string script = dir_.file("detect_char_encode");
+    const std::string body = "#!/bin/sh\nexec cat '" + std::string(answer_.path()) + "'\n";
+    FILE* f = fopen(script.c_str(), "w");
+    if (f == nullptr || fputs(body.c_str(), f) < 0 || fclose(f) != 0 || chmod(script.c_str(), 0755) != 0) abort();
+    const char* old = getenv("PATH");
+    had_path_ = old != nullptr;
+    if (had_path_) old_path_ = old;
+    // The script's cat is found through the system folders behind it.
+    setenv("PATH", (dir_.path() + ":/usr/bin:/bin").c_str(), 1);
+  }
+  ~Mp3Tags() override {
+    if (had_path_)
+      setenv("PATH", old_path_.c_str(), 1);
+    else
+      unsetenv("PATH");
+  }
+
+  std::string run(const uint8_t* data, size_t size) override {
+    if (size < 1) return "";
+    static const char* const kAnswers[] = {
+        "",       "windows-1251", "IBM866",     "x-mac-cyrillic", "windows-1252", "KOI8-R",     "gb18030",
+        "Big5",   "IBM855",       "x-euc-tw",   "ISO-8859-7",     "KOI8-R\n",     "UTF-8",      "EUC-KR",
+        "SHIFT_JIS", "a-very-long-answer-past-the-read-limit"};
+    const char* answer = kAnswers[data[0] % (sizeof kAnswers / sizeof kAnswers[0])];
+    answer_.write(reinterpret_cast<const uint8_t*>(answer), strlen(answer));
+    in_.write(data + 1, size - 1);
+    std::string path = in_.path();
+    char fname[] = "song.mp3";
+    char type[] = "mp3";
+    MusicFileInfo info = {};
+    info.path = &path[0];
+    info.fname = fname;
+    info.type = type;
+    const int fd = lowest_free_fd();
+    const int r = scan_get_mp3tags(path.c_str(), &info);
+    const int fd_after = lowest_free_fd();
+    std::string failed;
+    if (fd_after != fd) failed = "descriptor left open";
+    if (r != 0 && r != -1) failed = format("result %d", r);
+    // Every text the reader set is a terminated heap string (ASan checks the
+    // reads); the genre is a name of the genre table.
+    size_t total = 0;
+    for (char* text : {info.title, info.artist, info.album, info.genre}) total += text ? strlen(text) : 0;
+    volatile size_t keep = total;  // the reads above must happen
+    (void)keep;
+    if (info.genre != nullptr) {
+      bool known = false;
+      for (int n = 0; n <= 148 && !known; ++n) known = strcmp(info.genre, id3_genre_name(n)) == 0;
+      if (!known) failed = format("genre [%s]", info.genre);
+    }
+    if (info.compilation > 1) failed = format("compilation %u", info.compilation);
+    for (char* text : {info.title, info.artist, info.album, info.genre}) free(text);
+    return failed;
+  }
+
+ private:
+  ScratchDir dir_;
+  InputFile in_{&dir_, "song.mp3"};
+  InputFile answer_{&dir_, "answer"};
+  bool had_path_ = false;
+  std::string old_path_;
+};
+
+// iconv_string over every source name it accepts. Byte 0 picks the source
+// charset: the five autodetect names, the charsets their lists try, and a few
+// more (also names no iconv knows). Byte 1: bit 0 converts the input's
+// terminating zero along, as the callers do; bit 1 passes a null resultp;
+// bit 2 hands in an existing buffer to be reallocated; bits 3-4 pick the
+// target; bit 5 makes a second call with the source byte 2 picks, after
+// whatever family flags the first call left. The rest is the text.
+class IconvString : public Target {
+ public:
+  std::string run(const uint8_t* data, size_t size) override {
+    if (size < 3) return "";
+    static const char* const kSources[] = {
+        "autodetect_utf8", "autodetect_BIG5", "autodetect_GB", "autodetect_jp", "autodetect_kr",
+        "UTF-8", "ISO-8859-1", "BIG5", "CP950", "BIG5-HKSCS", "EUC-TW", "EUC-CN", "GBK", "HZ",
+        "ISO-2022-CN", "ISO-2022-CN-EXT", "GB18030", "ISO-2022-JP-2", "EUC-JP", "CP932", "ISO-2022-JP",
+        "ISO-2022-JP-1", "SHIFT_JIS", "ISO-2022-KR", "CP949", "JOHAB", "EUC-KR", "KOI8-R", "CP1251",
+        "CP1252", "UTF-16", "UTF-7", "UCS-4", "autodetect_JP", "autodetect_xx", ""};
+    static const char* const kTargets[] = {"UTF-8", "UTF-16LE", "ISO-8859-1", "ASCII"};
+    constexpr size_t kSourceCount = sizeof kSources / sizeof kSources[0];
+    const uint8_t opts = data[1];
+    const char* to = kTargets[(opts >> 3) & 3];
+    // The text with a terminator behind it; whether it is converted along is
+    // the input's choice.
+    const std::string text(reinterpret_cast<const char*>(data + 3), size - 3);
+    const char* start = text.c_str();
+    const char* end = start + text.size() + ((opts & 1) ? 1 : 0);
+
+    iconv_reset_family_tried();
+    std::string failed = convert_once(to, kSources[data[0] % kSourceCount], start, end, opts);
+    if (failed.empty() && (opts & 0x20))
+      failed = convert_once(to, kSources[data[2] % kSourceCount], start, end, opts);
+    return failed;
+  }
+
+ private:
+  static std::string convert_once(const char* to, const char* from, const char* start, const char* end,
+                                  uint8_t opts) {
+    const bool measure_only = opts & 2;
+    char* result = (opts & 4) ? static_cast<char*>(malloc(7)) : nullptr;
+    if (result) memcpy(result, "before", 7);
+    char* const before = result;
+    errno = 0;
+    const int r = iconv_string(to, from, start, end, measure_only ? nullptr : &result);
+    const int err = errno;
+    std::string failed;
+    if (r != 0 && r != -1) failed = format("%s: result %d", from, r);
+    if (r == -1 && err == 0) failed = format("%s: failure without errno", from);
+    if (r == 0 && !measure_only && strncmp(from, "autodetect_", 11) != 0) {
+      // A real charset converts the same way again: its measured length must
+      // be what was allocated, and every byte of it readable.
+      size_t len = 0;
+      if (iconv_string_n(to, from, start, end, nullptr, &len) != 0) {
+        failed = format("%s: measuring again failed", from);
+      } else if (len > 0) {
+        unsigned sum = 0;
+        for (size_t i = 0; i < len; ++i) sum += static_cast<unsigned char>(result[i]);
+        if (sum == 0xFFFFFFFFu) failed = "unreachable";  // keeps the reads
+      }
+    }
+    // The caller owns whatever its pointer holds afterwards, also after a
+    // failure in the converting pass.
+    free(measure_only ? before : result);
+    return failed;
+  }
+};
+
+// CodePageType_from on a file holding the input.
+class CodePage : public Target {
+ public:
+  std::string run(const uint8_t* data, size_t size) override {
+    in_.write(data, size);
+    memset(from_codepage, 'x', sizeof from_codepage);
+    const int fd = lowest_free_fd();
+    const int r = CodePageType_from(in_.path());
+    if (lowest_free_fd() != fd) return "descriptor left open";
+    static const char* const kNames[] = {nullptr,         "autodetect_BIG5", "autodetect_GB", "autodetect_jp",
+                                         "autodetect_kr", "autodetect_utf8", "KOI8-R",        "ISO-8859-1"};
+    if (r < 1 || r > 7) return format("codepage %d", r);
+    if (!terminated(from_codepage, sizeof from_codepage)) return "from_codepage unterminated";
+    if (strcmp(from_codepage, kNames[r]) != 0) return format("codepage %d with [%s]", r, from_codepage);
+    return "";
+  }
+
+ private:
+  ScratchDir dir_;
+  InputFile in_{&dir_, "codepage"};
+};
+
 // The targets by name, as the fuzz binaries, the seed folders and the
 // regression folders are named.
 struct Entry {
@@ -456,7 +619,8 @@ inline const std::vector<Entry>& all_targets() {
   static const std::vector<Entry> kTargets = {
       {"mp3fileinfo", make<Mp3FileInfo>}, {"img_size", make<ImgSize>},       {"video_info", make<VideoInfoTarget>},
       {"readconfig", make<ReadConfig>},   {"sharefolder", make<ShareFolder>}, {"mntpath", make<MntPath>},
-      {"xmldb", make<Xmldb>},             {"playlist", make<PlaylistTarget>},
+      {"xmldb", make<Xmldb>},             {"playlist", make<PlaylistTarget>}, {"mp3tags", make<Mp3Tags>},
+      {"iconv_string", make<IconvString>}, {"codepage", make<CodePage>},
   };
   return kTargets;
 }

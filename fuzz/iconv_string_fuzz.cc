@@ -1,0 +1,4 @@
+// libFuzzer target: iconv_string.
+#include "targets.h"
+
+MEDIAWALK_FUZZ_TARGET(fuzz::IconvString)
