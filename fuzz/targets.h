@@ -8,6 +8,8 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sqlite3.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -204,8 +206,10 @@ class MntPath : public Target {
 // this process accepts one connection on a UNIX socket, reads the request and
 // writes the reply in chunks the input chooses, then hangs up.
 //
-// Input: byte 0 picks the operation (low 4 bits) and whether the daemon hangs
-// up before reading the request (bit 7); byte 1 the reply buffer size of the
+// Input: byte 0 picks the operation (low 4 bits), whether the daemon hangs
+// up before reading the request (bit 7), and whether it interrupts the
+// client with a caught signal while the client waits, before the first and
+// the next few chunks (bit 6: the scanner has handlers of its own); byte 1 the reply buffer size of the
 // buffer readers (1 + 8 * byte); then chunks, each a length byte and up to
 // that many reply bytes, sent one send() each. A zero length hangs up there.
 class Xmldb : public Target {
@@ -224,13 +228,22 @@ class Xmldb : public Target {
       perror(sock_.c_str());
       abort();
     }
+    // Caught, and without SA_RESTART, so that a blocked call returns EINTR.
+    struct sigaction sa = {};
+    sa.sa_handler = [](int) {};
+    sigemptyset(&sa.sa_mask);
+    sigaction(kInterrupt, &sa, &saved_action_);
   }
-  ~Xmldb() override { close(listen_fd_); }
+  ~Xmldb() override {
+    sigaction(kInterrupt, &saved_action_, nullptr);
+    close(listen_fd_);
+  }
 
   std::string run(const uint8_t* data, size_t size) override {
     if (size < 2) return "";
     const int op = data[0] & 0x0F;
     const bool hang_up_first = data[0] & 0x80;
+    const bool interrupt = data[0] & 0x40;
     const size_t buf_size = 1 + 8 * static_cast<size_t>(data[1]);
     std::vector<std::string> chunks;
     for (size_t at = 2; at < size;) {
@@ -244,7 +257,8 @@ class Xmldb : public Target {
     for (const std::string& c : chunks) reply += c;
 
     Request req;
-    std::thread daemon([&] { serve(chunks, hang_up_first, &req); });
+    const pthread_t client = pthread_self();
+    std::thread daemon([&] { serve(chunks, hang_up_first, interrupt ? &client : nullptr, &req); });
     const char* sock = sock_.c_str();
     const char* node = "/runtime/scan_media/total_file";
     // A value the daemon chose: the set payload must stay within its bound.
@@ -317,7 +331,7 @@ class Xmldb : public Target {
     std::string payload;
   };
 
-  void serve(const std::vector<std::string>& chunks, bool hang_up_first, Request* req) {
+  void serve(const std::vector<std::string>& chunks, bool hang_up_first, const pthread_t* client, Request* req) {
     // The client always connects; the wait is bounded all the same, so a
     // client that gave up early cannot leave this thread behind.
     pollfd p = {listen_fd_, POLLIN, 0};
@@ -332,14 +346,22 @@ class Xmldb : public Target {
     const ssize_t got = req->length ? recv(conn.fd, &req->payload[0], req->length, MSG_WAITALL) : 0;
     req->payload.resize(got > 0 ? static_cast<size_t>(got) : 0);
     req->seen = true;
+    int interrupts = client ? 4 : 0;
     for (const std::string& c : chunks) {
+      if (interrupts-- > 0) {
+        usleep(1000);  // long enough for the client to block on the reply
+        pthread_kill(*client, kInterrupt);
+      }
       if (send(conn.fd, c.data(), c.size(), MSG_NOSIGNAL) <= 0) return;
     }
   }
 
+  static constexpr int kInterrupt = SIGURG;
+
   ScratchDir dir_;
   std::string sock_ = dir_.file("xmldb_sock");
   int listen_fd_ = -1;
+  struct sigaction saved_action_ = {};
 };
 
 // parser_playlist on a library database of its own: songs and two playlist
