@@ -1,5 +1,6 @@
 #include "platform/xmldb.h"
 
+#include <errno.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -35,6 +36,22 @@ int xmldb_connect(const char* sockpath) {
   return fd;
 }
 
+// A signal caught while a call blocks (the scanner's own handlers, a
+// debugger attaching) is not the daemon's doing: the call is made again
+// rather than taken for a hang-up or an empty reply.
+ssize_t send_again(int fd, const void* buf, size_t n) {
+  ssize_t r;
+  do r = send(fd, buf, n, MSG_NOSIGNAL);
+  while (r < 0 && errno == EINTR);
+  return r;
+}
+ssize_t read_again(int fd, void* buf, size_t n) {
+  ssize_t r;
+  do r = read(fd, buf, n);
+  while (r < 0 && errno == EINTR);
+  return r;
+}
+
 // Header, then payload, each in one send. MSG_NOSIGNAL: a daemon that went
 // away is an error result, not a SIGPIPE ending the scan. A short send is
 // not an error; only a send that moved nothing is.
@@ -43,8 +60,8 @@ int xmldb_send(int fd, uint16_t action, uint32_t flags, const char* payload, uin
   memcpy(head, &action, sizeof action);
   memcpy(head + 2, &length, sizeof length);
   memcpy(head + 4, &flags, sizeof flags);
-  if (send(fd, head, sizeof head, MSG_NOSIGNAL) <= 0) return -1;
-  if (send(fd, payload, length, MSG_NOSIGNAL) <= 0) return -1;
+  if (send_again(fd, head, sizeof head) <= 0) return -1;
+  if (send_again(fd, payload, length) <= 0) return -1;
   return 0;
 }
 
@@ -73,7 +90,7 @@ void copy_reply(int fd, FILE* out) {
   char chunk[1024];
   for (;;) {
     wait_readable(fd);
-    const ssize_t n = read(fd, chunk, sizeof chunk);
+    const ssize_t n = read_again(fd, chunk, sizeof chunk);
     if (n <= 0) return;
     if (chunk[n - 1] == '\0') {
       fwrite(chunk, 1, strnlen(chunk, static_cast<size_t>(n)), out);
@@ -90,7 +107,7 @@ size_t read_reply(int fd, char* buf, size_t size) {
   size_t got = 0;
   do {
     wait_readable(fd);
-    const ssize_t n = read(fd, buf + got, room - got);
+    const ssize_t n = read_again(fd, buf + got, room - got);
     if (n <= 0) break;
     got += static_cast<size_t>(n);
     if (buf[got - 1] == '\0') break;
@@ -106,7 +123,16 @@ int status_request(const char* sockpath, uint16_t action, uint32_t flags, const 
   Fd fd(xmldb_connect(sockpath));
   if (fd.fd < 0 || xmldb_send(fd.fd, action, flags, payload, length) < 0) return -1;
   uint8_t reply[kHeaderSize] = {};  // a short reply leaves zeros, never stale bytes
-  (void)recv(fd.fd, reply, sizeof reply, MSG_WAITALL);  // the count is not examined
+  // The count is not examined. MSG_WAITALL still returns early when a signal
+  // is caught, with part of the reply or none: only the daemon's hang-up or
+  // an error ends the wait for the rest.
+  for (size_t got = 0; got < sizeof reply;) {
+    const ssize_t n = recv(fd.fd, reply + got, sizeof reply - got, MSG_WAITALL);
+    if (n > 0)
+      got += static_cast<size_t>(n);
+    else if (n == 0 || errno != EINTR)
+      break;
+  }
   uint32_t status;
   memcpy(&status, reply + 8, sizeof status);
   return static_cast<int>(status);
