@@ -10,6 +10,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <string>
@@ -94,6 +95,14 @@ inline int lowest_free_fd() {
   const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (fd >= 0) close(fd);
   return fd;
+}
+
+// The process's peak resident size so far, in KiB: a routine that made it
+// jump held far more memory than its input explains.
+inline long peak_rss_kib() {
+  rusage u = {};
+  getrusage(RUSAGE_SELF, &u);
+  return u.ru_maxrss;
 }
 
 // True when text[0..cap) holds its terminator.

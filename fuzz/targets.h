@@ -15,6 +15,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -508,10 +509,15 @@ class Mp3Tags : public Target {
     info.fname = fname;
     info.type = type;
     const int fd = lowest_free_fd();
+    const long peak = peak_rss_kib();
     const int r = scan_get_mp3tags(path.c_str(), &info);
+    const long grown = peak_rss_kib() - peak;
     const int fd_after = lowest_free_fd();
     std::string failed;
     if (fd_after != fd) failed = "descriptor left open";
+    // A tag is held in memory, with what its frames inflate to up to the
+    // reader's bound, never more.
+    if (grown > 32 * 1024) failed = format("peak memory grew by %ld KiB", grown);
     if (r != 0 && r != -1) failed = format("result %d", r);
     // Every text the reader set is a terminated heap string (ASan checks the
     // reads); the genre is a name of the genre table.
