@@ -6,8 +6,12 @@
 #include <string.h>
 #include <strings.h>
 
+#include <vector>
+
 #include "encoding/iconv_string.h"
 #include "log/err_log.h"
+#include "metadata/bytes.h"
+#include "platform/holders.h"
 #include "platform/spawn.h"
 #include "platform/text.h"
 
@@ -139,6 +143,61 @@ void replace_text(char** field, bool* set_here, char* text) {
   *set_here = true;
 }
 
+// libid3tag inflates a compressed frame into a buffer of the size the frame
+// declares, allocated before the data is looked at: a tag of a hundred bytes
+// can ask for 4 GiB, and a few megabytes of compressed zeros really fill
+// gigabytes. A tag declaring more than this in all is not handed to it.
+constexpr uint64_t kMaxInflatedBytes = 1u << 20;
+
+uint32_t get_syncsafe32(const uint8_t* p) {
+  return uint32_t(p[0] & 0x7F) << 21 | uint32_t(p[1] & 0x7F) << 14 | uint32_t(p[2] & 0x7F) << 7 | (p[3] & 0x7F);
+}
+
+// Bytes the compressed frames of the ID3v2.3 or v2.4 tag at the start of the
+// file declare once inflated, counted the way libid3tag reads them (v2.3: the
+// tag de-unsynchronised first, a 4-byte size ahead of the data; v2.4: the
+// data length indicator). Counting stops past the limit. 0 for other files.
+uint64_t declared_inflated_bytes(const char* path) {
+  UniqueFile f(fopen(path, "rb"));
+  uint8_t head[10];
+  if (!f || fread(head, 1, sizeof head, f.get()) != sizeof head || memcmp(head, "ID3", 3) != 0) return 0;
+  const int version = head[3];
+  if (version != 3 && version != 4) return 0;
+  // libid3tag holds the whole tag in memory in any case; this copy is gone
+  // before it reads it. A size past the end of the file reads what is there.
+  std::vector<uint8_t> tag;
+  uint8_t chunk[4096];
+  for (size_t left = get_syncsafe32(head + 6), n; left > 0; left -= n) {
+    n = fread(chunk, 1, left < sizeof chunk ? left : sizeof chunk, f.get());
+    if (n == 0) break;
+    tag.insert(tag.end(), chunk, chunk + n);
+  }
+  if (version == 3 && (head[5] & 0x80)) {  // unsynchronised: every FF 00 stands for FF
+    size_t out = 0;
+    for (size_t in = 0; in < tag.size(); ++in) {
+      tag[out++] = tag[in];
+      if (tag[in] == 0xFF && in + 1 < tag.size() && tag[in + 1] == 0x00) ++in;
+    }
+    tag.resize(out);
+  }
+  size_t pos = 0;
+  if (head[5] & 0x40) {  // extended header
+    if (tag.size() < 4) return 0;
+    pos = version == 3 ? 4 + size_t(get_be32(tag.data())) : size_t(get_syncsafe32(tag.data()));
+  }
+  uint64_t total = 0;
+  while (pos <= tag.size() && tag.size() - pos >= 10 && tag[pos] != 0 && total <= kMaxInflatedBytes) {
+    const uint8_t* frame = tag.data() + pos;
+    const size_t size = version == 3 ? get_be32(frame + 4) : get_syncsafe32(frame + 4);
+    const bool compressed = version == 3 ? (frame[9] & 0x80) != 0 : (frame[9] & 0x09) == 0x09;
+    if (compressed && size >= 4 && tag.size() - pos - 10 >= 4)
+      total += version == 3 ? get_be32(frame + 10) : get_syncsafe32(frame + 10);
+    if (size > tag.size() - pos - 10) break;
+    pos += 10 + size;
+  }
+  return total;
+}
+
 }  // namespace
 
 size_t id3_pack_ucs4(const id3_ucs4_t* text, char* out, size_t cap) {
@@ -212,16 +271,19 @@ void id3_build_sample(const struct id3_tag* tag, MusicFileInfo* info, char* samp
 int scan_get_mp3tags(const char* path, MusicFileInfo* info) {
   if (info->type == nullptr || strcasecmp(info->type, "mp3") != 0) return 0;
 
-  struct id3_file* file = id3_file_open(path, ID3_FILE_MODE_READONLY);
-  if (file == nullptr) {
+  // Such a tag reads as libid3tag reads one whose compressed frame does not
+  // inflate to its declared size: as a tag without frames.
+  const bool too_much = declared_inflated_bytes(path) > kMaxInflatedBytes;
+  struct id3_file* file = too_much ? nullptr : id3_file_open(path, ID3_FILE_MODE_READONLY);
+  if (file == nullptr && !too_much) {
     printf("Cannot open %s\n", path);
     err_log(2, kLogModuleScan, "Cannot open %s\n", path);
     return -1;
   }
-  struct id3_tag* tag = id3_file_tag(file);
+  struct id3_tag* tag = too_much ? id3_tag_new() : id3_file_tag(file);
   if (tag == nullptr) {
     const int saved = errno;
-    id3_file_close(file);
+    if (file != nullptr) id3_file_close(file);
     errno = saved;
     printf("Cannot get ID3 tag for %s\n", path);
     err_log(2, kLogModuleScan, "Cannot get ID3 tag for %s\n", path);
@@ -279,6 +341,9 @@ int scan_get_mp3tags(const char* path, MusicFileInfo* info) {
     }
   }
 
-  id3_file_close(file);
+  if (file != nullptr)
+    id3_file_close(file);  // the tag belongs to the file
+  else
+    id3_tag_delete(tag);
   return 0;
 }

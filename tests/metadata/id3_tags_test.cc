@@ -389,6 +389,75 @@ TEST_F(Id3Reader, TypeDecidesWhetherToRead) {
   EXPECT_EQ(have_title, 0);
 }
 
+// Builds an ID3v2 tag (version 3 or 4) of the given frames, followed by one
+// MPEG audio frame.
+std::string TagFile(int version, const std::vector<std::string>& frames) {
+  std::string body;
+  for (const std::string& f : frames) body += f;
+  const size_t n = body.size();
+  std::string out = "ID3";
+  out += char(version);
+  out += std::string("\0\0", 2);
+  for (int shift : {21, 14, 7, 0}) out += char((n >> shift) & 0x7F);
+  return out + body + "\xff\xfb\x90\x64" + std::string(413, '\0');
+}
+
+std::string Be32(uint32_t v) {
+  return {char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
+}
+std::string Syncsafe(uint32_t v) {
+  return {char((v >> 21) & 0x7F), char((v >> 14) & 0x7F), char((v >> 7) & 0x7F), char(v & 0x7F)};
+}
+
+// "\0Compressed title" deflated, 17 bytes once inflated.
+const std::string kDeflatedTitle(
+    "\x78\x9c\x63\x70\xce\xcf\x2d\x28\x4a\x2d\x2e\x4e\x4d\x51\x28\xc9\x2c\xc9\x49\x05\x00\x35\xc5\x06\x58", 25);
+
+// A v2.3 frame compressed by flag, its inflated size declared ahead of the data.
+std::string V23Compressed(const char* id, uint32_t declared, const std::string& data) {
+  return id + Be32(uint32_t(4 + data.size())) + std::string("\0\x80", 2) + Be32(declared) + data;
+}
+std::string V23Text(const char* id, const std::string& text) {
+  return id + Be32(uint32_t(1 + text.size())) + std::string("\0\0", 2) + std::string(1, '\0') + text;
+}
+
+struct InflateCase {
+  const char* name;
+  std::string file;
+  const char* title;
+  const char* artist;
+};
+
+// libid3tag allocates what a compressed frame declares before it inflates
+// it; a tag declaring more than 1 MiB in all reads as a tag without frames,
+// the way libid3tag reads one whose frame does not inflate to its size.
+TEST_F(Id3Reader, CompressedFramesKeepTheirOutcomeWithinBound) {
+  const InflateCase cases[] = {
+      {"small_compressed_title_read",
+       TagFile(3, {V23Compressed("TIT2", 17, kDeflatedTitle), V23Text("TPE1", "Artist")}), "Compressed title",
+       "Artist"},
+      {"declares_2gib",
+       TagFile(3, {V23Text("TPE1", "Artist"), V23Compressed("TALB", 0x80000000u, kDeflatedTitle)}), "<null>",
+       "<null>"},
+      {"two_frames_past_1mib_together",
+       TagFile(3, {V23Compressed("TALB", 600 << 10, "x"), V23Compressed("TCOM", 600 << 10, "y"),
+                   V23Compressed("TIT2", 17, kDeflatedTitle)}),
+       "<null>", "<null>"},
+      {"v24_length_indicator_2gib",
+       TagFile(4, {"TPE1" + Syncsafe(7) + std::string("\0\0\0Artist", 9),
+                   "TALB" + Syncsafe(8) + std::string("\0\x09", 2) + Syncsafe(0x0FFFFFFF) + "abcd"}),
+       "<null>", "<null>"},
+  };
+  for (const InflateCase& c : cases) {
+    stub_.Write(c.name, c.file);
+    Clear();
+    info_.type = strdup("mp3");
+    EXPECT_EQ(scan_get_mp3tags(stub_.File(c.name).c_str(), &info_), 0) << c.name;
+    EXPECT_EQ(Text(info_.title), c.title) << c.name;
+    EXPECT_EQ(Text(info_.artist), c.artist) << c.name;
+  }
+}
+
 TEST_F(Id3Reader, UnopenableFileFails) {
   info_.type = strdup("mp3");
   testing::internal::CaptureStdout();
