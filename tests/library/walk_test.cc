@@ -321,6 +321,36 @@ TEST_F(Walk, RowsCarryTheDesignedColumns) {
             (Rows{{"texttexttext"}}));
 }
 
+// Photos carry the reader's width, height and depth; one that cannot be
+// measured gets no row and spends no identifier. A video's Format_type is its
+// television system (PAL 1), not its MPEG version (2).
+TEST_F(Walk, PhotoAndVideoRowsCarryWhatTheReadersFound) {
+  const std::string data = MEDIAWALK_TEST_DATA "/pictures/";
+  std::filesystem::copy_file(data + "grey8.png", tree.root() + "P.PNG");
+  std::filesystem::copy_file(data + "baseline.jpg", tree.root() + "b.jpg");
+  std::filesystem::copy_file(data + "mpeg2_pal.mpg", tree.root() + "clip.mpg");
+  tree.file("1bad.gif", "not a picture");
+  for (const char* name : {"P.PNG", "b.jpg", "clip.mpg", "1bad.gif"}) set_mtime(tree.root() + name, 0);
+  const std::string root = tree.root();
+  walk_all(root);
+  const std::string f = id(kFolderBase, 0);
+  const std::string png_size = std::to_string(std::filesystem::file_size(root + "P.PNG"));
+  const std::string jpg_size = std::to_string(std::filesystem::file_size(root + "b.jpg"));
+  struct tm tm_local;
+  const time_t epoch = 0;
+  char t[64];
+  ASSERT_NE(localtime_r(&epoch, &tm_local), nullptr);
+  strftime(t, sizeof t, "%Y-%m-%dT%H:%M:%S", &tm_local);
+  EXPECT_EQ(query("select * from photo_tbl order by rowid;"),
+            (Rows{{"1", root, "P.PNG", root, "P.PNG", "png", t, png_size, "37", "23", "8", "0", "0", "0", "0",
+                   "1000000000001", f, "0", "0", "0"},
+                  {"2", root, "b.jpg", root, "b.jpg", "jpg", t, jpg_size, "37", "23", "24", "0", "0", "0", "0",
+                   "1000000000002", f, "0", "0", "0"}}));
+  EXPECT_EQ(query("select Real_fname, Width, Height, Format_type, ObjID from video_tbl;"),
+            (Rows{{"clip.mpg", "720", "576", "1", "2000000000001"}}));
+  EXPECT_EQ(total_scan_cnt.load(), 4);
+}
+
 TEST_F(Walk, SizesAboveFourGibibytesAreKeptWhole) {
   const std::string big = tree.file("big.avi");
   ASSERT_EQ(truncate(big.c_str(), (5LL << 30) + 3), 0);  // sparse
