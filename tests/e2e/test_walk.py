@@ -179,7 +179,7 @@ class WalkRun(SandboxTestCase):
         # The frame search reads the whole of an MP3 file that holds only zeros, so a sparse one
         # of a few GiB keeps the scan busy for several seconds at no disk cost.
         sb = self.sb
-        size = (9 << 29) + 5  # 4.5 GiB
+        size = (2 << 30) + 5
         sb.sparse("a_long.mp3", size)
         for i in range(3):
             sb.file("b%d.srt" % i, b"1")
