@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "../platform/stub_program.h"
 #include "../temp_tree.h"
 #include "driver/progress.h"
 #include "library/objid.h"
@@ -349,6 +350,32 @@ TEST_F(Walk, PhotoAndVideoRowsCarryWhatTheReadersFound) {
   EXPECT_EQ(query("select Real_fname, Width, Height, Format_type, ObjID from video_tbl;"),
             (Rows{{"clip.mpg", "720", "576", "1", "2000000000001"}}));
   EXPECT_EQ(total_scan_cnt.load(), 4);
+}
+
+// Tag texts fill the four columns; only the title is escaped (and so cut to
+// 49 bytes), a quote in any other text fails the row and ends the folder. The
+// music record lives on between files, so a field no reader sets this time
+// keeps the value of the file before.
+TEST_F(Walk, MusicRowsCarryTheTagsAndTheBitrate) {
+  StubPath no_detector(/*keep_system_path=*/false);  // every text is then read as UTF-8
+  const std::string tags = MEDIAWALK_TEST_DATA "/tags/";
+  std::filesystem::copy_file(tags + "v23_latin1.mp3", tree.root() + "latin.mp3");
+  std::filesystem::copy_file(tags + "title_quote60.mp3", tree.root() + "quote.mp3");
+  std::filesystem::copy_file(MEDIAWALK_TEST_DATA "/audio/cbr128_44k.mp3", tree.root() + "cbr.mp3");
+  tree.dir("s");
+  std::filesystem::copy_file(tags + "shell_meta.mp3", tree.root() + "s/shell.mp3");
+  tree.file("s/zz.wav");
+  const std::string root = tree.root();
+  const std::string out = walk_all(root);
+  EXPECT_EQ(query("select Real_fname, Genre, Artist, Album, Title, Bitrate from music_tbl order by rowid;"),
+            (Rows{{"cbr.mp3", "Others", "Others", "Others", "cbr.mp3", "128"},
+                  {"latin.mp3", "Rock", "Latin Artist", "Latin Album", "Latin Title", "128"},
+                  {"quote.mp3", "Others", "Others", "Others", "A title of sixty bytes with a 'double quote' in i", "128"}}));
+  EXPECT_TRUE(contains(out, "1ScanMusic():execute sql query error[")) << out;
+  EXPECT_TRUE(contains(out, "2scan file fail\n")) << out;
+  // In the tag samples the frame analysis finds no frame, which is no failure:
+  // the bitrate is left alone and the previous file's value is stored again.
+  EXPECT_FALSE(contains(out, "Get mp3 file info failure")) << out;
 }
 
 TEST_F(Walk, SizesAboveFourGibibytesAreKeptWhole) {
