@@ -148,28 +148,4 @@ TEST(ProgressThread, PublishesBothCountersUntilFinished) {
   total_file_cnt = total_scan_cnt = 0;
 }
 
-TEST(ProgressThread, PublishesAgainEveryPeriod) {
-  published.clear();
-  set_progress_publisher(record);
-  total_file_cnt = 3;
-  total_scan_cnt = 1;
-  scan_finished = 0;
-  pthread_t thread;
-  ASSERT_EQ(pthread_create(&thread, nullptr, progress_thread, nullptr), 0);
-  for (int i = 0; i < 200 && published_count() < 2; ++i) usleep(10000);
-  total_scan_cnt = 2;
-  // Wait for the second period's pair, then stop the thread.
-  for (int i = 0; i < 500 && published_count() < 4; ++i) usleep(10000);
-  scan_finished = 1;
-  pthread_join(thread, nullptr);
-  set_progress_publisher(nullptr);
-
-  std::lock_guard<std::mutex> lock(published_mutex);
-  ASSERT_EQ(published.size(), 4u);
-  EXPECT_EQ(published[3].first, "/runtime/scan_media/total_scan_file");
-  EXPECT_EQ(published[3].second, "2");
-  scan_finished = 0;
-  total_file_cnt = total_scan_cnt = 0;
-}
-
 }  // namespace

@@ -181,12 +181,6 @@ TEST(CheckSpecialSymbol, QuotesBecomeSingleAndTheTextIsCutTo49) {
   }
 }
 
-TEST(StrToLower, LowersAsciiAndLeavesOtherBytes) {
-  char text[] = "MpEg2.JPG\xC3\x89-9";
-  str_tolower(text);
-  EXPECT_STREQ(text, "mpeg2.jpg\xC3\x89-9");
-}
-
 // --- Parent lookup -----------------------------------------------------------
 
 TEST_F(Walk, ParentIsFoundByThePathWithItsSlash) {
@@ -460,20 +454,6 @@ TEST_F(Walk, PathLengthBoundary) {
   EXPECT_EQ(Cnt_total_file(folder.c_str(), d.get()), 1);
   const std::string counted = ::testing::internal::GetCapturedStdout();
   EXPECT_TRUE(contains(counted, "<Cnt_total_file>Cnt_total_file(): file path too long 512\n")) << counted;
-}
-
-TEST_F(Walk, CountingAgreesWithTheWalkOnAMixedTree) {
-  const char* files[] = {"a/one.mp3", "a/two.JPEG", "a/x/three.mpg", "b/four.srt", "b/five.m3u",
-                         "b/x/six.mpeg21", "b/x/seven.bak", ".h/eight.mp3", "nine.TIFF", "ten.mov"};
-  tree.dir("a/x");
-  tree.dir("b/x");
-  tree.dir(".h");
-  for (const char* f : files) tree.file(f);
-  ASSERT_TRUE(tree.link("a", "b/x/to_a"));
-  walk_all(tree.root());
-  EXPECT_EQ(total_scan_cnt.load(), 7);
-  EXPECT_EQ(count_files(tree.root()), 7);
-  EXPECT_EQ(total_file_cnt.load(), 7);
 }
 
 }  // namespace
