@@ -339,12 +339,6 @@ bool scan_entry(const char* folder, size_t folder_len, const char* name, int lay
     return true;
   }
   if (S_ISDIR(st.st_mode)) {
-    if (sum + 1 >= kFolderPathSize) {
-      // Nothing below it could be admitted anyway, and its path with the
-      // "/" would not fit the folder buffer it is handed back in.
-      printf("<mediawalk>ScanMusic(): file path too long %d\n", static_cast<int>(sum + 1));
-      return true;
-    }
     path[sum] = '/';
     path[sum + 1] = '\0';
     addqueuex(path, layer + 1);

@@ -7,10 +7,10 @@
 #include <stdint.h>
 
 // Bytes of a queued folder path, terminator included: the driver's folder
-// buffer (sharefolder) that delqueue fills has this size. A subfolder whose
-// path with its "/" would not fit is not queued; every file the walk admits
-// has a shorter path than that folder (folder path plus name below 512).
-constexpr size_t kFolderPathSize = 512;
+// buffer (sharefolder) that delqueue fills has this size. A folder path plus
+// name stays below 512 bytes, so a subfolder's path with its "/" is at most
+// 512 bytes and fits with its terminator.
+constexpr size_t kFolderPathSize = 513;
 
 // Scans folder `path` (ending in "/") at depth `layer`. Returns 1 when the
 // folder was handled to its end (also when it could not be listed or was

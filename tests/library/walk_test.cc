@@ -424,7 +424,7 @@ TEST_F(Walk, MarkerIsDeletedOnSight) {
 }
 
 // Folder path plus name: 511 bytes are processed, 512 are refused with their
-// length; a folder whose path with its "/" would reach 512 is not queued.
+// length; a subfolder of 511 bytes is queued with its "/" (512 bytes).
 TEST_F(Walk, PathLengthBoundary) {
   std::string rel = std::string(200, 'd') + "/" + std::string(200, 'e');
   const std::string folder = tree.dir(rel);
@@ -447,6 +447,9 @@ TEST_F(Walk, PathLengthBoundary) {
   EXPECT_EQ(std::string(dest), folder + dir510 + "/");
   EXPECT_EQ(strlen(dest), 511u);
   EXPECT_EQ(layer, 3);
+  ASSERT_EQ(delqueue(dest, &layer), 1);
+  EXPECT_EQ(std::string(dest), folder + dir511 + "/");
+  EXPECT_EQ(strlen(dest), 512u);
   EXPECT_FALSE(queue_has_folders());
   // The counting walk admits the same single file.
   UniqueDir d(opendir(folder.c_str()));
