@@ -10,6 +10,8 @@
 #include <time.h>
 
 #include <new>
+#include <string>
+#include <unordered_map>
 
 #include "driver/progress.h"
 #include "library/media_types.h"
@@ -56,6 +58,11 @@ QueueNode* queue_tail = nullptr;
 int32_t music_row = 1;
 int32_t photo_row = 1;
 int32_t video_row = 1;
+
+// ObjID of every folder row inserted so far, by path: the parent lookup's
+// answer without a scan of path_objid_tbl (which has no index) per folder.
+// The first row of a path is the one the lookup statement would find.
+std::unordered_map<std::string, uint64_t> folder_ids;
 
 // Kept from one music file to the next: the readers set only what they find,
 // and a numeric field they leave alone keeps its earlier value. Static
@@ -309,6 +316,7 @@ bool insert_folder_row(const char* folder, int layer) {
     printf("ScanMusic():execute sql query[%s] error[%s]\n", sql, zErrMsg);
     return false;
   }
+  folder_ids.emplace(folder, init_objid.media_path_objid);
   return true;
 }
 
@@ -455,6 +463,13 @@ uint64_t get_parid(const char* path) {
   else
     parent[0] = '\0';
 
+  // A quote changes what the statement means (it fails, or worse); only
+  // there, and for a path no folder row was seen for, ask the database.
+  if (strpbrk(parent, "'\"") == nullptr) {
+    auto known = folder_ids.find(parent);
+    if (known != folder_ids.end()) return known->second;
+  }
+
   char sql[kSqlSize];
   memset(sql, 0, sizeof sql);
   (void)sql_format(sql, sizeof sql, "select ObjID from path_objid_tbl where path =='%s';", parent);
@@ -498,4 +513,5 @@ void reset_walk_state() {
   queue_tail = nullptr;
   music_row = photo_row = video_row = 1;
   memset(&music_info, 0, sizeof music_info);
+  folder_ids.clear();
 }
