@@ -463,12 +463,14 @@ uint64_t get_parid(const char* path) {
   else
     parent[0] = '\0';
 
+#ifndef MEDIAWALK_LITERAL_SQL
   // A quote changes what the statement means (it fails, or worse); only
   // there, and for a path no folder row was seen for, ask the database.
   if (strpbrk(parent, "'\"") == nullptr) {
     auto known = folder_ids.find(parent);
     if (known != folder_ids.end()) return known->second;
   }
+#endif
 
   char sql[kSqlSize];
   memset(sql, 0, sizeof sql);
