@@ -124,6 +124,8 @@ class ByteIdentity(SandboxTestCase):
             self.assertEqual(res.status, 1, res)
             with open(sb.db_path(), "rb") as f:
                 outcomes[name] = (res.stdout, f.read())
+            # No journal is left behind, whatever mode the run kept it in.
+            self.assertEqual(os.listdir(os.path.dirname(sb.db_path())), ["upnpav.db"], name)
 
         stdout, db = outcomes["product"]
         # Not a vacuous match: the scan got through every phase, the playlist turned the rest of
