@@ -73,15 +73,6 @@ bool can_open_folder(const char* path) {
 }
 
 #ifndef MEDIAWALK_LITERAL_SQL
-// Once the first m3u playlist has committed the walk, every later statement
-// is a transaction of its own: one per song, photo and folder on a large
-// share. Under SQLite's defaults each syncs twice and creates and deletes the
-// journal file, which is what made a scan of 100,000 files take hours. With
-// these, a commit is a few writes. The database's bytes stay the same (the
-// test build keeps the defaults, and the identity test compares the two
-// files); a killed run still leaves a journal that undoes the transaction it
-// cut. Only a power cut during the run can now leave a broken file where it
-// left a partial one, and the next run builds it anew either way.
 // Only the main thread touches the database, so the connection needs no
 // mutexes, and nothing reads SQLite's memory statistics. Set before SQLite
 // starts up; neither reaches the file.
@@ -90,6 +81,15 @@ void use_single_thread_sqlite() {
   (void)sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
 }
 
+// Once the first m3u playlist has committed the walk, every later statement
+// is a transaction of its own: one per song, photo and folder on a large
+// share. Under SQLite's defaults each syncs twice and creates and deletes the
+// journal file, which made a scan of 100,000 files take over half an hour.
+// With these, a commit is a few writes. The database's bytes stay the same
+// (the test build keeps the defaults, and the identity test compares the two
+// files); a killed run still leaves a journal that undoes the transaction it
+// cut. Only a power cut during the run can now leave a broken file where it
+// left a partial one, and the next run builds it anew either way.
 void use_quick_commits() {
   (void)sql_exec("PRAGMA synchronous=OFF;");
   (void)sql_exec("PRAGMA journal_mode=PERSIST;");
