@@ -26,18 +26,26 @@ constexpr size_t kFailed = static_cast<size_t>(-1);
 // and reset before each use, which leaves it as a fresh one would be. A pair
 // iconv does not know (the autodetect names) is remembered too, with the
 // errno its open gave. The pairs are the few the charset names make, and
-// stay open until the process ends.
+// are closed when the process ends.
 struct CachedConverter {
   std::string to, from;
   iconv_t cd;
   int open_errno;
 };
 
+struct ConverterCache : NoCopy {
+  std::vector<CachedConverter> entries;
+  ~ConverterCache() {
+    for (const CachedConverter& c : entries)
+      if (c.cd != iconv_t(-1)) iconv_close(c.cd);
+  }
+};
+
 struct Converter : NoCopy {
   iconv_t cd;
   Converter(const char* to, const char* from) {
-    static std::vector<CachedConverter> cache;
-    for (const CachedConverter& c : cache) {
+    static ConverterCache cache;
+    for (const CachedConverter& c : cache.entries) {
       if (c.to == to && c.from == from) {
         cd = c.cd;
         if (ok()) {
@@ -51,7 +59,7 @@ struct Converter : NoCopy {
     cd = iconv_open(to, from);
     // Only an unknown pair is a lasting answer; running out of memory or
     // descriptors is not.
-    if (ok() || errno == EINVAL) cache.push_back({to, from, cd, ok() ? 0 : errno});
+    if (ok() || errno == EINVAL) cache.entries.push_back({to, from, cd, ok() ? 0 : errno});
   }
   bool ok() const { return cd != iconv_t(-1); }
 };
