@@ -4,11 +4,12 @@
     run_bench.py --bin BUILD/mediawalk --floor BUILD/floor --work DIR [--sizes 1000,10000,100000]
                  [--runs N] [--seed S] [--out FILE] [--label TEXT]
 
-For every size it makes (once, cached under DIR/shares) a share with make_share.py and scans it
-with a stub detector that answers nothing at once, and with no detector on PATH. Each phase's
-time is taken from when its log line arrives on stdout (the program's stdout is line-buffered).
-Peak resident memory is the ru_maxrss of the sandboxed process tree (the program, and the shells
-and the detector it starts), as wait4 reports it. With several runs the fastest is kept.
+For every size it makes (once, cached under DIR/shares) a share with make_share.py, times the
+floor program on it, and scans it with a stub detector that answers nothing at once and with no
+detector on PATH. Each phase's time is taken from when its log line arrives on stdout (the
+program's stdout is line-buffered); "count" includes the sandbox's start. CPU time and peak
+resident memory come from /usr/bin/time run inside the sandbox: the program's own, with the
+largest of the shells and detectors it starts. With several runs the fastest is kept.
 """
 
 import argparse

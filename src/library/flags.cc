@@ -122,7 +122,7 @@ class PathIndex {
 
   // Shortens *common to the bytes every path here begins with.
   void narrow(std::string* common) const {
-    for (const Entry& e : entries_) *common = common->substr(0, shared_length(*common, e.path));
+    for (const Entry& e : entries_) common->resize(shared_length(*common, e.path));
   }
 
   // Whether some path matches pattern (a folder path and "%"); the first
