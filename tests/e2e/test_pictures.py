@@ -21,7 +21,7 @@ PHOTOS = {
     "greyalpha8.png": (37, 23, 16),
     "greyalpha16.png": (37, 23, 32),
     "rgba8.png": (37, 23, 32),
-    "rgba16.png": (37, 23, 48),  # 48, not 64, by design
+    "rgba16.png": (37, 23, 48),  # 48, not 64: the reader has always said so
     "plasma.gif": (41, 29, 8),
     "rgb24.bmp": (37, 23, 24),
     "baseline.jpg": (37, 23, 24),
