@@ -4,10 +4,10 @@ transaction."""
 
 import os
 import signal
-import struct
 import unittest
 
 import harness
+import id3build
 from harness import SandboxTestCase
 
 GENRE_BASE = 3040000000001
@@ -21,20 +21,12 @@ def b(text):
     return text.encode()
 
 
-def id3v23(frames):
-    """An ID3v2.3 tag holding Latin-1 text frames, given as (frame id, text) pairs."""
-    body = b""
-    for fid, text in frames:
-        data = b"\x00" + text.encode("latin-1")
-        body += fid.encode("ascii") + struct.pack(">I", len(data)) + b"\x00\x00" + data
-    n = len(body)
-    size = bytes([(n >> 21) & 0x7F, (n >> 14) & 0x7F, (n >> 7) & 0x7F, n & 0x7F])
-    return b"ID3\x03\x00\x00" + size + body
+NO_TAG_MP3 = os.path.join(harness.FIXTURES, "tags", "no_tag.mp3")
 
 
-def untagged_audio():
-    with open(os.path.join(harness.FIXTURES, "tags", "no_tag.mp3"), "rb") as f:
-        return f.read()
+def tagged(frames):
+    """A small MP3 with an ID3v2.3 tag of these (frame id, ASCII text) pairs."""
+    return id3build.tagged_mp3(NO_TAG_MP3, [(fid, text.encode("ascii")) for fid, text in frames])
 
 
 def messages(res):
@@ -152,17 +144,16 @@ class SortedTablesAndFolderFlags(SandboxTestCase):
         sb.write_codepage("cp850\n")
         # An empty answer converts from UTF-8, which keeps these ASCII texts as they are.
         sb.detector(b"")
-        audio = untagged_audio()
         # Inserted as Zebra, apple, Apple, 123. A textual genre reads as "Others"; numbers keep a
         # name. Each list holds names whose upper-case order differs from their byte order.
-        tagged = [
+        songs = [
             ("1.mp3", [("TIT2", "Zebra"), ("TPE1", "rock"), ("TCON", "(40)"), ("TALB", "Same")]),
             ("2.mp3", [("TIT2", "apple"), ("TPE1", "Rock"), ("TCON", "20"), ("TALB", "Same")]),
             ("3.mp3", [("TIT2", "Apple"), ("TPE1", "ROCK"), ("TCON", "Rock"), ("TALB", "other")]),
             ("4.mp3", [("TIT2", "123"), ("TPE1", "abba"), ("TCON", "(17)")]),
         ]
-        for name, frames in tagged:
-            sb.file("tagged/" + name, id3v23(frames) + audio)
+        for name, frames in songs:
+            sb.file("tagged/" + name, tagged(frames))
         sb.file("axb/tune.mp3")                         # untagged: its name is its title
         sb.mkdir("a_b")                                 # "_" matches the "x" of axb
         sb.mkdir("CASE")                                # letters match in either case
@@ -280,7 +271,7 @@ while [ ! -e {go} ] && [ $i -lt 3000 ]; do sleep 0.01; i=$((i + 1)); done
             sb.file("a.m3u", b"a.mp3\n")
         sb.file("p1.pls", b"File1=b.mp3\n")
         fifo = sb.file("p2.pls", b"File1=a.mp3\n")
-        sb.file("zz/held.mp3", id3v23([("TIT2", "Held")]) + untagged_audio())
+        sb.file("zz/held.mp3", tagged([("TIT2", "Held")]))
 
         seen = {}
 
