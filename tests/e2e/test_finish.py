@@ -4,6 +4,7 @@ transaction."""
 
 import os
 import signal
+import time
 import unittest
 
 import harness
@@ -219,8 +220,8 @@ class SharedTransaction(SandboxTestCase):
     autocommit; without one, nothing is committed before the driver's final COMMIT.
 
     The run is held twice at known points: in the walk, by a detector that waits for a go file
-    while it is asked about the last folder's tagged song; and in the pls pass, by a playlist
-    swapped for a FIFO after the walk has looked at it, which the program then opens and reads."""
+    while it is asked about the last folder's tagged song; and in the pls pass, by stopping the
+    program while it holds open a long playlist of songs it cannot find."""
 
     # Only the held song's title waits; every other call returns at once with no answer.
     DETECTOR = """#!/bin/sh
@@ -270,41 +271,32 @@ while [ ! -e {go} ] && [ $i -lt 3000 ]; do sleep 0.01; i=$((i + 1)); done
         if with_m3u:
             sb.file("a.m3u", b"a.mp3\n")
         sb.file("p1.pls", b"File1=b.mp3\n")
-        fifo = sb.file("p2.pls", b"File1=a.mp3\n")
+        # Thousands of look-ups keep the file open long enough to be caught open.
+        sb.file("p2.pls", b"File1=none.mp3\n" * 5000)
         sb.file("zz/held.mp3", tagged([("TIT2", "Held")]))
 
         seen = {}
 
         def hold(proc):
-            writer = None
             try:
                 if not harness.wait_for(lambda: os.path.exists(reached) or proc.poll() is not None):
                     return
                 if proc.poll() is not None:
                     return
                 seen["walk"] = self.snapshot(sb)
-                os.unlink(fifo)
-                os.mkfifo(fifo)
                 open(go, "w").close()
-
-                def opened():
-                    nonlocal writer
+                # Stopped while it reads p2.pls, the program is past the m3u pass.
+                while harness.stop_process(proc.pid):
                     try:
-                        writer = os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
-                    except OSError:  # ENXIO until the program opens it for reading
-                        return proc.poll() is not None
-                    return True
-                harness.wait_for(opened)
-                if writer is None:
-                    return
-                # The program now waits for the FIFO's first line, after the m3u pass.
-                seen["pls"] = self.snapshot(sb)
-                os.kill(proc.pid, signal.SIGTERM)
-                harness.wait_for(lambda: proc.poll() is not None)
+                        if any(p.endswith("/p2.pls") for p in harness.open_paths(proc.pid)):
+                            seen["pls"] = self.snapshot(sb)
+                            os.kill(proc.pid, signal.SIGTERM)
+                            return
+                    finally:
+                        os.kill(proc.pid, signal.SIGCONT)
+                    time.sleep(0.0005)
             finally:
                 open(go, "w").close()
-                if writer is not None:
-                    os.close(writer)
 
         res = sb.run(during=hold)
         self.assertEqual(res.status, 0, res)
