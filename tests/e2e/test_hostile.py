@@ -9,12 +9,12 @@ import re
 import signal
 import socket
 import stat
-import struct
 import sys
 import textwrap
 import unittest
 
 import harness
+import id3build
 from harness import SandboxTestCase
 from test_driver import SCHEMA
 
@@ -29,18 +29,9 @@ with open(os.path.join(FIXTURES, "pictures", "mpeg1_pal.mpg"), "rb") as _f:
 MORE_THAN_ONE = b"more than one statement"
 
 
-def id3v23(**frames):
-    """An ID3v2.3 tag of Latin-1 text frames, built byte by byte."""
-    body = b""
-    for fid, text in frames.items():
-        data = b"\x00" + text.encode("latin-1")
-        body += fid.encode() + struct.pack(">I", len(data)) + b"\x00\x00" + data
-    n = len(body)
-    return b"ID3\x03\x00\x00" + bytes([(n >> 21) & 0x7F, (n >> 14) & 0x7F, (n >> 7) & 0x7F, n & 0x7F]) + body
-
-
 def tagged(**frames):
-    return id3v23(**frames) + AUDIO
+    """The untagged MP3 behind an ID3v2.3 tag of these Latin-1 text frames."""
+    return id3build.latin1_tag([(fid, text.encode("latin-1")) for fid, text in frames.items()]) + AUDIO
 
 
 def closing(more_values, statement):
