@@ -1,0 +1,2 @@
+# Empty compiler generated dependencies file for detect_char_encode.
+# This may be replaced when dependencies are built.

@@ -1,0 +1,2 @@
+# Empty dependencies file for mediawalk.
+# This may be replaced when dependencies are built.

@@ -1,0 +1,22 @@
+
+# Consider dependencies only in project.
+set(CMAKE_DEPENDS_IN_PROJECT_ONLY OFF)
+
+# The set of languages for which implicit dependencies are needed:
+set(CMAKE_DEPENDS_LANGUAGES
+  )
+
+# The set of dependency files which are needed:
+set(CMAKE_DEPENDS_DEPENDENCY_FILES
+  "/work/main/tests/driver/config_test.cc" "tests/CMakeFiles/unit_tests.dir/driver/config_test.cc.o" "gcc" "tests/CMakeFiles/unit_tests.dir/driver/config_test.cc.o.d"
+  "/work/main/tests/library/objid_test.cc" "tests/CMakeFiles/unit_tests.dir/library/objid_test.cc.o" "gcc" "tests/CMakeFiles/unit_tests.dir/library/objid_test.cc.o.d"
+  "/work/main/tests/library/sql_test.cc" "tests/CMakeFiles/unit_tests.dir/library/sql_test.cc.o" "gcc" "tests/CMakeFiles/unit_tests.dir/library/sql_test.cc.o.d"
+  )
+
+# Targets to which this target links.
+set(CMAKE_TARGET_LINKED_INFO_FILES
+  "/work/main/build/CMakeFiles/mediawalk_core.dir/DependInfo.cmake"
+  )
+
+# Fortran module output directory.
+set(CMAKE_Fortran_TARGET_MODULE_DIR "")

