@@ -7,6 +7,7 @@
 #include <iconv.h>
 #include <string.h>
 
+#include <ostream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -33,6 +34,8 @@ std::string to_utf8(iconv_t cd, const std::string& in, int* err) {
   }
   return std::string(out, sizeof out - dst_left);
 }
+
+void PrintTo(const CharsetCase& c, std::ostream* os) { *os << c.charset; }
 
 class CharsetModuleTest : public testing::TestWithParam<CharsetCase> {};
 

@@ -12,6 +12,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -73,6 +74,8 @@ struct SparseCase {
   const char* printed;
 };
 
+void PrintTo(const SparseCase& c, std::ostream* os) { *os << c.printed << " bytes"; }
+
 class SparseFileTest : public testing::TestWithParam<SparseCase> {};
 
 // The size set with ftruncate comes back exactly from lstat64, and a byte
@@ -131,6 +134,8 @@ struct CounterCase {
   const char* second;
   const char* next;
 };
+
+void PrintTo(const CounterCase& c, std::ostream* os) { *os << "from " << c.first; }
 
 class ObjIdCounterTest : public testing::TestWithParam<CounterCase> {};
 
