@@ -14,8 +14,11 @@ set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR mipsel)
 set(CMAKE_LIBRARY_ARCHITECTURE mipsel-linux-gnu)
 
-set(CMAKE_C_COMPILER mipsel-linux-gnu-gcc)
-set(CMAKE_CXX_COMPILER mipsel-linux-gnu-g++)
+# Another mipsel toolchain (an appliance vendor's) is picked by its prefix,
+# e.g. -DMIPSEL_CROSS_PREFIX=/opt/appliance/bin/mipsel-linux-uclibc-
+set(MIPSEL_CROSS_PREFIX "mipsel-linux-gnu-" CACHE STRING "Cross compiler prefix")
+set(CMAKE_C_COMPILER ${MIPSEL_CROSS_PREFIX}gcc)
+set(CMAKE_CXX_COMPILER ${MIPSEL_CROSS_PREFIX}g++)
 
 # try_compile projects read this file again with another binary dir, so the
 # chosen sysroot is handed to them rather than recomputed.
@@ -28,8 +31,8 @@ if(NOT MIPSEL_SYSROOT)
 endif()
 get_filename_component(MIPSEL_SYSROOT "${MIPSEL_SYSROOT}" ABSOLUTE)
 set(MIPSEL_SYSROOT "${MIPSEL_SYSROOT}" CACHE PATH "Sysroot with the target's libraries")
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES MIPSEL_SYSROOT)
-if(NOT EXISTS "${MIPSEL_SYSROOT}/lib/ld.so.1")
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES MIPSEL_SYSROOT MIPSEL_CROSS_PREFIX)
+if(NOT EXISTS "${MIPSEL_SYSROOT}/usr/include/stdio.h")
   message(FATAL_ERROR "No mipsel sysroot at ${MIPSEL_SYSROOT}: run scripts/mipsel-sysroot ${MIPSEL_SYSROOT}")
 endif()
 
@@ -43,7 +46,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # The host's pkg-config, reading only the sysroot's .pc files and prefixing
 # their -I/-L paths with the sysroot.
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "${MIPSEL_SYSROOT}")
-set(ENV{PKG_CONFIG_LIBDIR} "${MIPSEL_SYSROOT}/usr/lib/mipsel-linux-gnu/pkgconfig:${MIPSEL_SYSROOT}/usr/share/pkgconfig")
+set(ENV{PKG_CONFIG_LIBDIR} "${MIPSEL_SYSROOT}/usr/lib/mipsel-linux-gnu/pkgconfig:${MIPSEL_SYSROOT}/usr/lib/pkgconfig:${MIPSEL_SYSROOT}/usr/share/pkgconfig")
 set(ENV{PKG_CONFIG_PATH} "")
 
 # Every program built here that CMake or CTest runs (test discovery, unit and
