@@ -3,6 +3,7 @@
 #ifndef MEDIAWALK_METADATA_IMAGE_H_
 #define MEDIAWALK_METADATA_IMAGE_H_
 
+#include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 
@@ -15,6 +16,11 @@ struct ImageInfo {
   int32_t height;
   int32_t depth;       // bits per pixel
 };
+
+// The JPEG reader streams the file through a window of this many bytes (plus
+// a small overlap) instead of holding it whole; exposed so that tests can
+// place a frame header across a window boundary.
+constexpr size_t kJpegScanChunk = 64 * 1024;
 
 // Reads width, height and depth of the file named in info->path; they are
 // written only when found. Returns 1 when the format was recognised and read,

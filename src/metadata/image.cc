@@ -1,0 +1,312 @@
+// Photo measurements for the photo rows. Each reader reads a fixed small
+// header, except JPEG, whose frame header may sit anywhere in the file and is
+// found by scanning the whole of it.
+#include "metadata/image.h"
+
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <memory>
+#include <new>
+
+#include "metadata/bytes.h"
+#include "platform/holders.h"
+
+static_assert(sizeof(off_t) == 8, "the build must use 64-bit file offsets");
+
+namespace {
+
+enum ImageType : int32_t { kBmp = 0, kJpeg = 1, kGif = 2, kTiff = 3, kPng = 4 };
+
+// Reads up to len bytes at the stream's position into buf, which the caller
+// has zeroed: a short file leaves the rest of the buffer as zeros, which is
+// what the readers then decode.
+size_t read_into(FILE* f, uint8_t* buf, size_t len) { return fread(buf, 1, len, f); }
+
+// Each reader records the size it saw; the record has 32 bits for it, so a
+// larger file is stored as the largest value that fits.
+void note_file_size(ImageInfo* info) {
+  struct stat st;
+  if (fstat(fileno(info->file), &st) != 0) return;
+  const uint64_t size = st.st_size < 0 ? 0 : uint64_t(st.st_size);
+  info->file_size = size > UINT32_MAX ? UINT32_MAX : uint32_t(size);
+}
+
+off_t stream_size(FILE* f) {
+  struct stat st;
+  if (fstat(fileno(f), &st) != 0 || st.st_size < 0) return 0;
+  return st.st_size;
+}
+
+// BMP: bytes 18-19 width, 22-23 height, 28 bits per pixel. Only the low 16
+// bits of the 32-bit width and height fields are taken.
+void read_bmp(ImageInfo* info) {
+  note_file_size(info);
+  uint8_t head[32] = {};
+  fseeko(info->file, 0, SEEK_SET);
+  read_into(info->file, head, sizeof head);
+  info->width = get_le16(head + 18);
+  info->height = get_le16(head + 22);
+  info->depth = head[28];
+}
+
+// GIF logical screen descriptor at offset 6: width, height (little-endian),
+// then the packed byte whose low 3 bits give the global colour table size.
+void read_gif(ImageInfo* info) {
+  note_file_size(info);
+  uint8_t desc[5] = {};
+  fseeko(info->file, 6, SEEK_SET);
+  read_into(info->file, desc, sizeof desc);
+  info->width = get_le16(desc);
+  info->height = get_le16(desc + 2);
+  info->depth = (desc[4] & 7) + 1;
+}
+
+// A frame header of 17 bytes (three components): FF Cn 00 11 P HH HH WW WW N.
+// From its first byte the scan needs kJpegFrameSpan bytes.
+constexpr size_t kJpegFrameSpan = 10;
+constexpr size_t kJpegLookahead = kJpegFrameSpan - 1;
+
+// Tests one position with all kJpegFrameSpan bytes present. Returns true
+// when the scan has to stop (a progressive header).
+bool take_jpeg_frame(const uint8_t* p, ImageInfo* info) {
+  if (p[0] != 0xFF || p[2] != 0x00 || p[3] != 0x11) return false;
+  if (p[1] != 0xC0 && p[1] != 0xC2) return false;
+  info->height = get_be16(p + 5);
+  info->width = get_be16(p + 7);
+  info->depth = p[9] * 8;
+  return p[1] == 0xC2;  // progressive: its values stand; baseline: a later one overrides
+}
+
+// The frame header is looked for in the bytes from offset 10 on (the
+// dispatch has already consumed the first 10), followed by 10 zero bytes, as
+// if the whole file from offset 10 had been read into a buffer of the file's
+// size. The file is streamed through a fixed window instead, so a share
+// holding a huge file named .jpg costs no memory; consecutive windows overlap
+// by kJpegLookahead bytes so every position is tested once with its whole
+// span in view. Bytes the file no longer has (it shrank, or a read failed)
+// count as zeros like the padding; zeros never start a header, so the scan
+// may end kJpegFrameSpan zeros after the last byte actually read.
+void read_jpeg(ImageInfo* info) {
+  note_file_size(info);
+  const off_t size = stream_size(info->file);
+  uint64_t data_left = size > 10 ? uint64_t(size) - 10 : 0;
+  // The virtual buffer is size bytes long; with fewer than 10 the read after
+  // the dispatch finds nothing and the buffer is all zeros.
+  uint64_t pad_left = size >= 10 ? 10 : uint64_t(size);
+
+  constexpr size_t kWindowSize = kJpegScanChunk + kJpegLookahead;
+  std::unique_ptr<uint8_t[]> holder(new (std::nothrow) uint8_t[kWindowSize]);
+  if (!holder) return;
+  uint8_t* const window = holder.get();
+  size_t have = 0;
+  for (;;) {
+    size_t room = kWindowSize - have;
+    while (room > 0 && data_left > 0) {
+      const size_t want = data_left < room ? size_t(data_left) : room;
+      const size_t got = fread(window + have, 1, want, info->file);
+      have += got;
+      room -= got;
+      data_left -= got;
+      if (got < want) data_left = 0;  // shorter than its status said
+    }
+    if (data_left == 0 && room > 0 && pad_left > 0) {
+      const size_t n = pad_left < room ? size_t(pad_left) : room;
+      memset(window + have, 0, n);
+      have += n;
+      pad_left -= n;
+    }
+    const bool last = data_left == 0 && pad_left == 0;
+    if (have >= kJpegFrameSpan) {
+      const size_t end = have - kJpegLookahead;  // positions with a full span
+      for (size_t i = 0; i < end; ++i) {
+        const void* hit = memchr(window + i, 0xFF, end - i);
+        if (hit == nullptr) break;
+        i = size_t(static_cast<const uint8_t*>(hit) - window);
+        if (take_jpeg_frame(window + i, info)) return;
+      }
+      memmove(window, window + end, kJpegLookahead);
+      have = kJpegLookahead;
+    }
+    if (last) return;
+  }
+}
+
+// TIFF field sizes by field type 0-12 (BYTE, ASCII, SHORT, LONG, RATIONAL,
+// ...); unknown types count as size 0.
+constexpr uint8_t kTiffTypeSize[13] = {0, 1, 1, 2, 4, 8, 1, 1, 2, 4, 8, 4, 8};
+
+uint32_t tiff_type_size(uint16_t type) { return type < 13 ? kTiffTypeSize[type] : 0; }
+
+// An unsigned number of n bytes in the file's byte order, cut to 32 bits.
+uint32_t get_ordered(const uint8_t* p, size_t n, bool big_endian) {
+  uint64_t v = 0;
+  for (size_t k = 0; k < n; ++k) {
+    const uint64_t byte = big_endian ? p[k] : p[n - 1 - k];
+    v = v << 8 | byte;
+  }
+  return uint32_t(v);
+}
+
+void read_tiff(ImageInfo* info) {
+  note_file_size(info);
+  FILE* f = info->file;
+  uint8_t head[8] = {};
+  fseeko(f, 0, SEEK_SET);
+  read_into(f, head, sizeof head);
+  const bool be = head[0] == 'M' && head[1] == 'M';
+  const uint32_t ifd = be ? get_be32(head + 4) : get_le32(head + 4);
+
+  uint8_t count_bytes[2] = {};
+  fseeko(f, off_t(ifd), SEEK_SET);
+  read_into(f, count_bytes, sizeof count_bytes);
+  const unsigned entries = be ? get_be16(count_bytes) : get_le16(count_bytes);
+
+  bool three_bits = false;
+  uint32_t bits_size = 0;
+  uint32_t bits_offset = 0;
+  int found = 0;
+  // At most 65535 entries, and a short read ends the directory: the bytes
+  // beyond the file's end would all be zeros, which match no tag.
+  for (unsigned e = 0; e < entries && found < 3; ++e) {
+    uint8_t entry[12] = {};
+    const size_t got = read_into(f, entry, sizeof entry);
+    if (got == 0) break;
+    const uint16_t tag = be ? get_be16(entry) : get_le16(entry);
+    const uint32_t size = tiff_type_size(be ? get_be16(entry + 2) : get_le16(entry + 2));
+    // The count is judged by its low byte alone: the last byte in
+    // big-endian order, the first in little-endian order.
+    const uint8_t count = be ? entry[7] : entry[4];
+    uint32_t value = 0;
+    if (!be) {
+      value = get_le32(entry + 8);
+    } else if (count == 1) {  // left-justified in the 4-byte value field
+      value = get_ordered(entry + 8, size < 4 ? size : 4, true);
+    } else if (count == 3) {  // three values never fit: the field is an offset
+      value = get_be32(entry + 8);
+    }
+    if (tag == 256) {
+      info->width = int32_t(value);
+      ++found;
+    } else if (tag == 257) {
+      info->height = int32_t(value);
+      ++found;
+    } else if (tag == 258) {
+      if (count == 1) {
+        info->depth = int32_t(value);
+      } else if (count == 3) {
+        three_bits = true;
+        bits_size = size;
+        bits_offset = value;
+      }
+      ++found;
+    }
+    if (got < sizeof entry) break;
+  }
+
+  if (three_bits) {
+    uint8_t bits[3 * 8] = {};
+    fseeko(f, off_t(bits_offset), SEEK_SET);
+    read_into(f, bits, 3 * bits_size);
+    uint32_t depth = uint32_t(info->depth);
+    for (uint32_t k = 0; k < 3; ++k) depth += get_ordered(bits + k * bits_size, bits_size, be);
+    info->depth = int32_t(depth);
+  }
+}
+
+// Walking a PNG's chunks ends at IHDR, at IEND, at the file's end, or after
+// this many chunks: lengths are unsigned, so every step goes forward, but a
+// huge file of tiny chunks would otherwise be walked to its end.
+constexpr int kPngMaxChunks = 65536;
+
+void read_png(ImageInfo* info) {
+  note_file_size(info);
+  FILE* f = info->file;
+  fseeko(f, 8, SEEK_SET);
+  bool have_ihdr = false;
+  for (int n = 0; n < kPngMaxChunks; ++n) {
+    uint8_t chunk[8] = {};
+    if (read_into(f, chunk, sizeof chunk) < sizeof chunk) return;  // no IHDR before the end
+    if (memcmp(chunk + 4, "IHDR", 4) == 0) {
+      have_ihdr = true;
+      break;
+    }
+    const off_t skip = off_t(get_be32(chunk)) + 4;  // data and CRC
+    if (fseeko(f, skip, SEEK_CUR) != 0) return;
+    if (memcmp(chunk + 4, "IEND", 4) == 0) return;
+  }
+  if (!have_ihdr) return;
+
+  uint8_t ihdr[13] = {};
+  read_into(f, ihdr, sizeof ihdr);
+  info->width = int32_t(get_be32(ihdr));
+  info->height = int32_t(get_be32(ihdr + 4));
+  const int bit_depth = ihdr[8];
+  switch (ihdr[9]) {  // colour type
+    case 0:  // grey
+    case 3:  // palette index
+      info->depth = bit_depth;
+      break;
+    case 2:  // RGB
+      if (bit_depth == 8) info->depth = 24;
+      if (bit_depth == 16) info->depth = 48;
+      break;
+    case 4:  // grey and alpha
+      if (bit_depth == 8) info->depth = 16;
+      if (bit_depth == 16) info->depth = 32;
+      break;
+    case 6:  // RGB and alpha; 48 at 16 bits is what the library has always stored
+      if (bit_depth == 8) info->depth = 32;
+      if (bit_depth == 16) info->depth = 48;
+      break;
+    default:
+      break;
+  }
+}
+
+constexpr char kPngSignature[] = "\x89PNG\r\n\x1a\n";
+
+}  // namespace
+
+int get_img_size(ImageInfo* info) {
+  // An unterminated path cannot be opened (nor printed) safely.
+  const bool terminated = memchr(info->path, '\0', sizeof info->path) != nullptr;
+  UniqueFile file(terminated ? fopen(info->path, "rb") : nullptr);
+  if (!file) {
+    puts("get_img_size(): open file error");
+    return 0;
+  }
+  info->file = file.get();
+
+  // The tests read the first bytes as text, so each looks only in front of
+  // the first zero byte: "BM" behind a JPEG marker makes a BMP.
+  char magic[11] = {};
+  read_into(info->file, reinterpret_cast<uint8_t*>(magic), 10);
+  const uint8_t* raw = reinterpret_cast<const uint8_t*>(magic);
+  if (strstr(magic, "BM") != nullptr) {
+    info->type = kBmp;
+    read_bmp(info);
+  } else if (raw[0] == 0xFF && raw[1] == 0xD8) {
+    info->type = kJpeg;
+    read_jpeg(info);
+  } else if (strstr(magic, "GIF") != nullptr) {
+    info->type = kGif;
+    read_gif(info);
+  } else if (strstr(magic, "II") != nullptr || strstr(magic, "MM") != nullptr) {
+    info->type = kTiff;
+    read_tiff(info);
+  } else if (strstr(magic, kPngSignature) != nullptr) {
+    info->type = kPng;
+    read_png(info);
+  } else {
+    info->type = kJpeg;
+    info->file = nullptr;
+    printf("Can't verify image file of type!!filename: %s\n", info->path);
+    return 0;
+  }
+  info->file = nullptr;
+  return 1;
+}

@@ -1,0 +1,103 @@
+#include "platform/spawn.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <string.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "platform/holders.h"
+
+extern char** environ;
+
+namespace {
+
+struct FileActions : NoCopy {
+  posix_spawn_file_actions_t actions;
+  bool ok;
+  FileActions() : ok(posix_spawn_file_actions_init(&actions) == 0) {}
+  ~FileActions() {
+    if (ok) posix_spawn_file_actions_destroy(&actions);
+  }
+};
+
+struct SpawnAttr : NoCopy {
+  posix_spawnattr_t attr;
+  bool ok;
+  SpawnAttr() : ok(posix_spawnattr_init(&attr) == 0) {}
+  ~SpawnAttr() {
+    if (ok) posix_spawnattr_destroy(&attr);
+  }
+};
+
+// Reads until max bytes, end of file or an error.
+void read_up_to(int fd, char* buf, size_t max) {
+  size_t got = 0;
+  while (got < max) {
+    const ssize_t n = read(fd, buf + got, max - got);
+    if (n > 0) {
+      got += static_cast<size_t>(n);
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else {
+      break;
+    }
+  }
+}
+
+}  // namespace
+
+bool spawn_read_output(const char* program, const char* arg, char* out, size_t cap,
+                       size_t max_read) {
+  if (cap == 0) return false;
+  memset(out, 0, cap);
+  if (max_read >= cap) max_read = cap - 1;
+
+  // Close-on-exec keeps both ends out of the child except as its stdout, and
+  // out of any other child this process starts meanwhile.
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return false;
+  Fd read_end(ends[0]);
+  Fd write_end(ends[1]);
+
+  FileActions fa;
+  SpawnAttr sa;
+  if (!fa.ok || !sa.ok) return false;
+  if (posix_spawn_file_actions_addopen(&fa.actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0) != 0 ||
+      posix_spawn_file_actions_adddup2(&fa.actions, write_end.fd, STDOUT_FILENO) != 0) {
+    return false;
+  }
+  // Whatever this process does with SIGPIPE, the child must die of it once we
+  // stop reading, or a chatty child would spin on EPIPE.
+  sigset_t defaults, none;
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGPIPE);
+  sigemptyset(&none);
+  if (posix_spawnattr_setsigdefault(&sa.attr, &defaults) != 0 ||
+      posix_spawnattr_setsigmask(&sa.attr, &none) != 0 ||
+      posix_spawnattr_setflags(&sa.attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK) != 0) {
+    return false;
+  }
+
+  char* argv[] = {const_cast<char*>(program), const_cast<char*>(arg), nullptr};
+  pid_t pid;
+  if (posix_spawnp(&pid, program, &fa.actions, &sa.attr, argv, environ) != 0) return false;
+  close(write_end.release());  // so that the child's exit is seen as end of file
+
+  read_up_to(read_end.fd, out, max_read);
+  close(read_end.release());
+
+  int status = 0;
+  pid_t w;
+  do {
+    w = waitpid(pid, &status, 0);
+  } while (w < 0 && errno == EINTR);
+  if (w != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    memset(out, 0, cap);
+    return false;
+  }
+  return true;
+}

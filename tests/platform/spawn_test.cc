@@ -1,0 +1,122 @@
+#include "platform/spawn.h"
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <string>
+
+#include "stub_program.h"
+
+namespace {
+
+constexpr size_t kCap = 20;
+constexpr size_t kRead = 18;
+
+std::string Answer(const char* program, const char* arg, bool* ran = nullptr) {
+  char out[kCap];
+  memset(out, 'X', sizeof out);
+  const bool ok = spawn_read_output(program, arg, out, sizeof out, kRead);
+  if (ran != nullptr) *ran = ok;
+  EXPECT_EQ(out[kRead], '\0');
+  EXPECT_EQ(out[kRead + 1], '\0');
+  return std::string(out, strnlen(out, sizeof out));
+}
+
+int OpenDescriptors() {
+  int n = 0;
+  DIR* d = opendir("/proc/self/fd");
+  if (d == nullptr) return -1;
+  while (readdir(d) != nullptr) ++n;
+  closedir(d);
+  return n;
+}
+
+TEST(SpawnReadOutput, ArgumentArrivesVerbatimAndNothingRuns) {
+  StubPath stub;
+  stub.EnterDir();
+  stub.Program("detect_char_encode",
+               "printf '%s' \"$1\" > \"" + stub.File("arg") + "\"\nprintf 'Big5'\n");
+  const std::string tricky = "$(touch by_dollar) `touch by_backtick` \"; touch by_quote; \" 'x' \\ *";
+  bool ran = false;
+  EXPECT_EQ(Answer("detect_char_encode", tricky.c_str(), &ran), "Big5");
+  EXPECT_TRUE(ran);
+  EXPECT_EQ(stub.Read("arg"), tricky);
+  EXPECT_FALSE(stub.Exists("by_dollar"));
+  EXPECT_FALSE(stub.Exists("by_backtick"));
+  EXPECT_FALSE(stub.Exists("by_quote"));
+}
+
+TEST(SpawnReadOutput, EmptyArgumentIsStillOneArgument) {
+  StubPath stub;
+  stub.Program("detect_char_encode", "printf '%d:[%s]' \"$#\" \"$1\"\n");
+  EXPECT_EQ(Answer("detect_char_encode", ""), "1:[]");
+}
+
+struct OutputCase {
+  const char* body;
+  const char* answer;
+  bool ran;
+  const char* why;
+};
+
+const OutputCase kOutputs[] = {
+    {"printf 'KOI8-R'\n", "KOI8-R", true, "plain answer"},
+    {"printf 'KOI8-R\\n'\n", "KOI8-R\n", true, "trailing newline kept"},
+    {"printf ''\n", "", true, "silent detector"},
+    {"printf '0123456789abcdefghijklmnop'\n", "0123456789abcdefgh", true, "18 bytes at most"},
+    {"printf 'windows-'; sleep 0.1; printf '1251'\n", "windows-1251", true, "answer in pieces"},
+    {"printf 'Big5'\nexit 3\n", "", false, "failing detector"},
+    {"kill -9 $$\n", "", false, "killed detector"},
+    {"if read -r line; then printf 'had input'; else printf 'eof'; fi\n", "eof", true,
+     "stdin is /dev/null"},
+    // Writes far more than a pipe holds: must end once 18 bytes are read.
+    {"i=0; while [ $i -lt 20000 ]; do printf '0123456789'; i=$((i+1)); done\n", "", false,
+     "endless writer dies of SIGPIPE"},
+};
+
+TEST(SpawnReadOutput, OutputRules) {
+  StubPath stub;
+  for (const OutputCase& c : kOutputs) {
+    stub.Program("detect_char_encode", c.body);
+    bool ran = !c.ran;
+    EXPECT_EQ(Answer("detect_char_encode", "sample", &ran), c.answer) << c.why;
+    EXPECT_EQ(ran, c.ran) << c.why;
+  }
+}
+
+TEST(SpawnReadOutput, MissingProgramGivesEmptyAnswer) {
+  StubPath stub(/*keep_system_path=*/false);
+  bool ran = true;
+  EXPECT_EQ(Answer("detect_char_encode", "sample", &ran), "");
+  EXPECT_FALSE(ran);
+  // Present but not executable counts as missing too.
+  stub.Write("detect_char_encode", "#!/bin/sh\nprintf 'Big5'\n");
+  EXPECT_EQ(Answer("detect_char_encode", "sample", &ran), "");
+  EXPECT_FALSE(ran);
+}
+
+TEST(SpawnReadOutput, LeaksNoDescriptors) {
+  StubPath stub;
+  stub.Program("detect_char_encode", "printf 'Big5'\n");
+  stub.Program("failing", "exit 1\n");
+  const int before = OpenDescriptors();
+  for (int i = 0; i < 5; ++i) {
+    Answer("detect_char_encode", "x");
+    Answer("failing", "x");
+    Answer("no_such_program_here", "x");
+  }
+  EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST(SpawnReadOutput, ChildSeesOnlyStandardDescriptors) {
+  StubPath stub;
+  // Lists the descriptors of the stub's own shell; dash keeps the script
+  // itself open above 9, so only 3..9 would betray an inherited pipe end.
+  stub.Program("detect_char_encode",
+               "for fd in 3 4 5 6 7 8 9; do [ -e /proc/$$/fd/$fd ] && printf '%s ' $fd; done\n"
+               "printf 'end'\n");
+  EXPECT_EQ(Answer("detect_char_encode", "x"), "end");
+}
+
+}  // namespace
