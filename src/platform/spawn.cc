@@ -70,6 +70,11 @@ bool spawn_read_output(const char* program, const char* arg, char* out, size_t c
       posix_spawn_file_actions_adddup2(&fa.actions, write_end.fd, STDOUT_FILENO) != 0) {
     return false;
   }
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+  // Descriptors this process inherited without close-on-exec (from whoever
+  // started the scan) are none of the detector's business.
+  if (posix_spawn_file_actions_addclosefrom_np(&fa.actions, STDERR_FILENO + 1) != 0) return false;
+#endif
   // Whatever this process does with SIGPIPE, the child must die of it once we
   // stop reading, or a chatty child would spin on EPIPE.
   sigset_t defaults, none;
