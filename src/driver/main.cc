@@ -229,8 +229,16 @@ int run(int argc, char** argv) {
 
   {
     // Never joined: it ends itself once scan_finished is set, or with the process.
+    // It starts with SIGTERM blocked, so the signal is always taken by this
+    // thread: taken by the other one, this thread would go on printing between
+    // the termination line and the exit.
+    sigset_t term, old;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &term, &old);
     pthread_t thread;
     if (pthread_create(&thread, nullptr, progress_thread, nullptr) == 0) pthread_detach(thread);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
   }
 
   puts("Scan Music -->");

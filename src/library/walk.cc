@@ -24,6 +24,7 @@
 #include "metadata/music_info.h"
 #include "metadata/video.h"
 #include "platform/holders.h"
+#include "platform/regular_file.h"
 #include "platform/text.h"
 
 namespace {
@@ -291,12 +292,13 @@ bool scan_subtitle_file(const Item& item) {
   return true;
 }
 
-// The marker is only ever deleted; its presence changes nothing else.
+// The marker is only ever deleted; its presence changes nothing else. Only a
+// regular file counts as the marker: anything else of that name is left alone.
 void remove_music_marker(const char* folder) {
   char marker[kPathLimit + 32];
   const int n = snprintf(marker, sizeof marker, "%s%s", folder, ".MediaWalk.Music");
   if (n < 0 || static_cast<size_t>(n) >= sizeof marker) return;  // never delete a cut name
-  UniqueFile f(fopen(marker, "r"));
+  UniqueFile f(fopen_regular(marker));
   if (!f) return;
   puts(marker);
   f.reset();

@@ -5,9 +5,11 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <unistd.h>
 
 #include "encoding/iconv_string.h"
 #include "log/err_log.h"
+#include "platform/regular_file.h"
 #include "platform/spawn.h"
 #include "platform/text.h"
 
@@ -212,8 +214,11 @@ void id3_build_sample(const struct id3_tag* tag, MusicFileInfo* info, char* samp
 int scan_get_mp3tags(const char* path, MusicFileInfo* info) {
   if (info->type == nullptr || strcasecmp(info->type, "mp3") != 0) return 0;
 
-  struct id3_file* file = id3_file_open(path, ID3_FILE_MODE_READONLY);
+  const int fd = open_regular(path);
+  // On success the tag file owns the descriptor; on failure it is still ours.
+  struct id3_file* file = fd >= 0 ? id3_file_fdopen(fd, ID3_FILE_MODE_READONLY) : nullptr;
   if (file == nullptr) {
+    if (fd >= 0) close(fd);
     printf("Cannot open %s\n", path);
     err_log(2, kLogModuleScan, "Cannot open %s\n", path);
     return -1;
