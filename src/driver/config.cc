@@ -7,7 +7,7 @@
 #include "platform/text.h"
 
 ConfigData global_cdata;
-char sharefolder[512];
+char sharefolder[513];
 
 namespace {
 

@@ -10,8 +10,9 @@ struct ConfigData {
 };
 
 extern ConfigData global_cdata;
-// The folder being scanned: first the share path, then each queued folder.
-extern char sharefolder[512];
+// The folder being scanned: first the share path, then each queued folder
+// (a 511-byte folder path with its "/" and the terminator).
+extern char sharefolder[513];
 
 // Reads the settings into *cdata. argc 1: /etc/upnpav.conf; argc 3 with
 // argv[1] "-RC": the file argv[2]. Returns 0 when the file was read to its

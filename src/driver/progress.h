@@ -22,4 +22,9 @@ int32_t Cnt_total_file(const char* path, DIR* dir);
 // scan_finished is 1. Started detached-in-effect (never joined).
 void* progress_thread(void* unused);
 
+// Where the progress thread sends each node and value. Null (the default)
+// means xmldbc_set(0, 0, node, value); tests put a recorder here.
+using ProgressPublisher = int (*)(const char* node, const char* value);
+void set_progress_publisher(ProgressPublisher publisher);
+
 #endif  // MEDIAWALK_DRIVER_PROGRESS_H_

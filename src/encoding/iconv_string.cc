@@ -5,6 +5,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <string>
+#include <vector>
+
 #include "platform/holders.h"
 
 namespace {
@@ -17,16 +20,46 @@ int family_tried[5];
 constexpr size_t kScratchSize = 4096;
 constexpr size_t kFailed = static_cast<size_t>(-1);
 
-// An iconv descriptor closed on scope exit; errno survives the close so that
-// the caller sees the conversion's error, not the close's.
-struct IconvHolder : NoCopy {
+// The iconv descriptor of a pair of charsets, in its initial state. Every
+// tag text is converted, some through several tries, and opening a
+// descriptor costs more than converting a title, so each pair is opened once
+// and reset before each use, which leaves it as a fresh one would be. A pair
+// iconv does not know (the autodetect names) is remembered too, with the
+// errno its open gave. The pairs are the few the charset names make, and
+// are closed when the process ends.
+struct CachedConverter {
+  std::string to, from;
   iconv_t cd;
-  IconvHolder(const char* to, const char* from) : cd(iconv_open(to, from)) {}
-  ~IconvHolder() {
-    if (cd == iconv_t(-1)) return;
-    const int saved = errno;
-    iconv_close(cd);
-    errno = saved;
+  int open_errno;
+};
+
+struct ConverterCache : NoCopy {
+  std::vector<CachedConverter> entries;
+  ~ConverterCache() {
+    for (const CachedConverter& c : entries)
+      if (c.cd != iconv_t(-1)) iconv_close(c.cd);
+  }
+};
+
+struct Converter : NoCopy {
+  iconv_t cd;
+  Converter(const char* to, const char* from) {
+    static ConverterCache cache;
+    for (const CachedConverter& c : cache.entries) {
+      if (c.to == to && c.from == from) {
+        cd = c.cd;
+        if (ok()) {
+          iconv(cd, nullptr, nullptr, nullptr, nullptr);
+        } else {
+          errno = c.open_errno;
+        }
+        return;
+      }
+    }
+    cd = iconv_open(to, from);
+    // Only an unknown pair is a lasting answer; running out of memory or
+    // descriptors is not.
+    if (ok() || errno == EINVAL) cache.entries.push_back({to, from, cd, ok() ? 0 : errno});
   }
   bool ok() const { return cd != iconv_t(-1); }
 };
@@ -124,7 +157,7 @@ int convert(const char* tocode, const char* fromcode, const char* start, const c
     errno = EINVAL;
     return -1;
   }
-  IconvHolder conv(tocode, fromcode);
+  Converter conv(tocode, fromcode);
   if (!conv.ok()) {
     if (errno != EINVAL) return -1;
     return autodetect(tocode, fromcode, start, end, resultp, lengthp);

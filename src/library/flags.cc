@@ -1,5 +1,6 @@
 #include "library/flags.h"
 
+#include <sqlite3.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
@@ -73,19 +74,28 @@ bool folder_media(const char* path, MediaFlags* flags) {
 // The same answers as the three LIKE counts, from one pass over each media
 // table instead of three scans per folder (which grow with folders x files).
 //
-// SQLite's LIKE, for a pattern "P%" in which P holds no wildcard, is a
-// prefix test on characters as SQLite decodes UTF-8, with A-Z folded to a-z
-// and nothing else folded. So each path is turned into a key that keeps
-// exactly that: every decoded character as 4 big-endian bytes, ASCII
-// lowered. A folder's key is then a prefix of some path's key exactly when
-// LIKE would count that row; in the sorted keys, the first key not below
-// the folder's is the one to test.
+// SQLite's LIKE, for a pattern "P%", walks P and the path character by
+// character as SQLite decodes UTF-8, with A-Z folded to a-z and nothing else
+// folded; "_" takes any one character and "%" any run. So each path is given
+// a key that keeps exactly that: every decoded character as 4 big-endian
+// bytes, ASCII lowered. Up to P's first wildcard, a matching path's key must
+// start with the key of that part of P; in the sorted keys those paths are
+// one run. Without a wildcard, the run's first key decides; with one, each
+// path of the run is put to SQLite's own LIKE matcher.
+//
+// Every path begins with the share folder, whose name may well hold a "_"
+// ("/mnt/HD_a2/"). Where pattern and path share their first bytes, a "_" in
+// them only ever meets itself, so such a "_" does not end the literal part:
+// otherwise every folder would fall to the run of all paths.
 class PathIndex {
  public:
-  static std::string key(const char* text) {
+  static std::string key(const char* text, size_t len) {
     std::string out;
     const unsigned char* z = reinterpret_cast<const unsigned char*>(text);
-    while (*z) {
+    const unsigned char* end = z + len;
+    // The part ends before an ASCII byte or at the text's end, so no
+    // character is read across it.
+    while (z < end && *z) {
       uint32_t c = decode(&z);
       if (c < 0x80 && c >= 'A' && c <= 'Z') c += 'a' - 'A';
       const char bytes[4] = {char(c >> 24), char(c >> 16), char(c >> 8), char(c)};
@@ -99,19 +109,40 @@ class PathIndex {
     sql_format(sql, sizeof sql, "select distinct UTF_Path from %s;", table);
     Table result;
     if (!sql_table(sql, &result)) return false;
-    keys_.clear();
-    keys_.reserve(result.rows);
+    entries_.clear();
+    entries_.reserve(result.rows);
     for (int row = 1; row <= result.rows; ++row) {
       // A NULL never matches LIKE; the walk never stores one.
-      if (const char* path = result.at(row, 0)) keys_.push_back(key(path));
+      if (const char* path = result.at(row, 0)) entries_.push_back({key(path, strlen(path)), path});
     }
-    std::sort(keys_.begin(), keys_.end());
+    std::sort(entries_.begin(), entries_.end(),
+              [](const Entry& a, const Entry& b) { return a.key < b.key; });
     return true;
   }
 
-  bool has_prefix(const std::string& prefix) const {
-    auto it = std::lower_bound(keys_.begin(), keys_.end(), prefix);
-    return it != keys_.end() && it->compare(0, prefix.size(), prefix) == 0;
+  // Shortens *common to the bytes every path here begins with.
+  void narrow(std::string* common) const {
+    for (const Entry& e : entries_) common->resize(shared_length(*common, e.path));
+  }
+
+  // Whether some path matches pattern (a folder path and "%"); the first
+  // `literal` bytes of the pattern hold no wildcard that can take anything
+  // but itself, and end before an ASCII byte.
+  bool any_like(const std::string& pattern, size_t literal) const {
+    const std::string prefix = key(pattern.data(), literal);
+    auto it = std::lower_bound(entries_.begin(), entries_.end(), prefix,
+                               [](const Entry& e, const std::string& k) { return e.key < k; });
+    const bool whole = literal + 1 == pattern.size();  // only the final "%" is left
+    for (; it != entries_.end() && it->key.compare(0, prefix.size(), prefix) == 0; ++it) {
+      if (whole || sqlite3_strlike(pattern.c_str(), it->path.c_str(), 0) == 0) return true;
+    }
+    return false;
+  }
+
+  static size_t shared_length(const std::string& a, const std::string& b) {
+    size_t n = 0;
+    while (n < a.size() && n < b.size() && a[n] == b[n]) ++n;
+    return n;
   }
 
  private:
@@ -136,13 +167,24 @@ class PathIndex {
     return c;
   }
 
-  std::vector<std::string> keys_;
+  struct Entry {
+    std::string key;
+    std::string path;
+  };
+  std::vector<Entry> entries_;
 };
 
-// A path the index cannot answer for: wildcards make LIKE more than a prefix
-// test, and a double quote ends the statement's literal (the statement then
-// fails with its message). Those folders take the literal statements.
-bool needs_statements(const char* path) { return strpbrk(path, "%_\"") != nullptr; }
+// The bytes of pattern before its first wildcard that can take more than
+// itself: a "%" anywhere, a "_" past the `common` bytes every path shares.
+size_t literal_length(const std::string& pattern, size_t common) {
+  size_t n = 0;
+  while (n < pattern.size() && pattern[n] != '%' && (pattern[n] != '_' || n < common)) ++n;
+  return n;
+}
+
+// A double quote ends the statement's literal, and the statement then fails
+// with its message: such a folder takes the literal statements.
+bool needs_statements(const char* path) { return strchr(path, '"') != nullptr; }
 
 }  // namespace
 
@@ -155,18 +197,36 @@ int Assign_pathtbl_media() {
     return 0;
   }
   PathIndex music, video, photo;
+#ifdef MEDIAWALK_LITERAL_SQL
+  const bool indexed = false;  // the test build asks every folder's statements
+#else
   const bool indexed = folders.rows > 0 && music.load("music_tbl") && video.load("video_tbl") &&
                        photo.load("photo_tbl");
+#endif
+  // The bytes every folder and media path begins with.
+  std::string common;
+  if (indexed) {
+    const char* first = folders.at(1, 0);
+    common = first ? first : "";
+    for (int row = 2; row <= folders.rows; ++row) {
+      const char* path = folders.at(row, 0);
+      common.resize(PathIndex::shared_length(common, path ? path : ""));
+    }
+    music.narrow(&common);
+    video.narrow(&common);
+    photo.narrow(&common);
+  }
   for (int row = 1; row <= folders.rows; ++row) {
     const char* path = folders.at(row, 0);
     const char* rowid = folders.at(row, 1);
     if (path == nullptr) path = "";
     MediaFlags flags;
     if (indexed && !needs_statements(path)) {
-      const std::string key = PathIndex::key(path);
-      flags.music = music.has_prefix(key);
-      flags.video = video.has_prefix(key);
-      flags.photo = photo.has_prefix(key);
+      const std::string pattern = std::string(path) + "%";
+      const size_t literal = literal_length(pattern, common.size());
+      flags.music = music.any_like(pattern, literal);
+      flags.video = video.any_like(pattern, literal);
+      flags.photo = photo.any_like(pattern, literal);
     } else if (!folder_media(path, &flags)) {
       return 0;
     }

@@ -7,6 +7,7 @@
 #include "library/schema.h"
 #include "library/sql.h"
 #include "platform/holders.h"
+#include "platform/regular_file.h"
 
 namespace {
 
@@ -128,7 +129,7 @@ UniqueFile open_playlist(const Table& rows, int row, Playlist* pl) {
   pl->count = 0;
   const bool whole = sql_format(pl->path, sizeof pl->path, "%s%s", pl->folder, cell(rows, row, 2));
   // A cut path could name some other file; treat it as one that won't open.
-  UniqueFile f(whole ? fopen(pl->path, "r") : nullptr);
+  UniqueFile f(whole ? fopen_regular(pl->path) : nullptr);
   if (!f) printf("parser_playlist():Open [%s] fail\n", pl->path);
   return f;
 }

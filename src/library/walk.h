@@ -3,18 +3,28 @@
 #ifndef MEDIAWALK_LIBRARY_WALK_H_
 #define MEDIAWALK_LIBRARY_WALK_H_
 
+#include <stddef.h>
 #include <stdint.h>
+
+// Bytes of a queued folder path, terminator included: the driver's folder
+// buffer (sharefolder) that delqueue fills has this size. A folder path plus
+// name stays below 512 bytes, so a subfolder's path with its "/" is at most
+// 512 bytes and fits with its terminator.
+constexpr size_t kFolderPathSize = 513;
 
 // Scans folder `path` (ending in "/") at depth `layer`. Returns 1 when the
 // folder was handled to its end (also when it could not be listed or was
 // empty), 0 when an SQL statement failed.
 int ScanMusic(const char* path, int layer);
 
-// Appends a folder to the tail of the folder queue.
+// Appends a folder to the tail of the folder queue. When no node can be
+// allocated, or the path does not fit kFolderPathSize, the folder is dropped
+// after a message.
 void addqueuex(const char* path, int layer);
 
 // Takes the folder at the head of the queue: copies its path into dest
-// (512 bytes) and its layer into *layer. Returns 1, or 0 when empty.
+// (kFolderPathSize bytes) and its layer into *layer. Returns 1, or 0 when
+// empty ("delqueue::nothing in queue").
 int delqueue(char* dest, int* layer);
 
 // True while the folder queue holds a folder.
@@ -30,5 +40,10 @@ char* check_special_symbol(char* text);
 
 // Lowers every byte of text in place with tolower.
 void str_tolower(char* text);
+
+// For tests: empties the folder queue and sets the row numbers back to 1 and
+// the music record to zeros, as at process start. The object identifier
+// counters and total_scan_cnt are left to their owners.
+void reset_walk_state();
 
 #endif  // MEDIAWALK_LIBRARY_WALK_H_

@@ -5,13 +5,14 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <unistd.h>
 
 #include <vector>
 
 #include "encoding/iconv_string.h"
 #include "log/err_log.h"
 #include "metadata/bytes.h"
-#include "platform/holders.h"
+#include "platform/regular_file.h"
 #include "platform/spawn.h"
 #include "platform/text.h"
 
@@ -154,23 +155,23 @@ uint32_t get_syncsafe32(const uint8_t* p) {
 }
 
 // Bytes the compressed frames of the ID3v2.3 or v2.4 tag at the start of the
-// file declare once inflated, counted the way libid3tag reads them (v2.3: the
+// file (read with pread, the descriptor's offset stays) declare once inflated, counted the way libid3tag reads them (v2.3: the
 // tag de-unsynchronised first, a 4-byte size ahead of the data; v2.4: the
 // data length indicator). Counting stops past the limit. 0 for other files.
-uint64_t declared_inflated_bytes(const char* path) {
-  UniqueFile f(fopen(path, "rb"));
+uint64_t declared_inflated_bytes(int fd) {
   uint8_t head[10];
-  if (!f || fread(head, 1, sizeof head, f.get()) != sizeof head || memcmp(head, "ID3", 3) != 0) return 0;
+  if (pread(fd, head, sizeof head, 0) != ssize_t(sizeof head) || memcmp(head, "ID3", 3) != 0) return 0;
   const int version = head[3];
   if (version != 3 && version != 4) return 0;
   // libid3tag holds the whole tag in memory in any case; this copy is gone
   // before it reads it. A size past the end of the file reads what is there.
   std::vector<uint8_t> tag;
   uint8_t chunk[4096];
-  for (size_t left = get_syncsafe32(head + 6), n; left > 0; left -= n) {
-    n = fread(chunk, 1, left < sizeof chunk ? left : sizeof chunk, f.get());
-    if (n == 0) break;
+  for (size_t left = get_syncsafe32(head + 6); left > 0;) {
+    const ssize_t n = pread(fd, chunk, left < sizeof chunk ? left : sizeof chunk, off_t(sizeof head + tag.size()));
+    if (n <= 0) break;
     tag.insert(tag.end(), chunk, chunk + n);
+    left -= size_t(n);
   }
   if (version == 3 && (head[5] & 0x80)) {  // unsynchronised: every FF 00 stands for FF
     size_t out = 0;
@@ -271,11 +272,15 @@ void id3_build_sample(const struct id3_tag* tag, MusicFileInfo* info, char* samp
 int scan_get_mp3tags(const char* path, MusicFileInfo* info) {
   if (info->type == nullptr || strcasecmp(info->type, "mp3") != 0) return 0;
 
-  // Such a tag reads as libid3tag reads one whose compressed frame does not
-  // inflate to its declared size: as a tag without frames.
-  const bool too_much = declared_inflated_bytes(path) > kMaxInflatedBytes;
-  struct id3_file* file = too_much ? nullptr : id3_file_open(path, ID3_FILE_MODE_READONLY);
+  const int fd = open_regular(path);
+  // A tag declaring too much reads as libid3tag reads one whose compressed
+  // frame does not inflate to its declared size: as a tag without frames.
+  const bool too_much = fd >= 0 && declared_inflated_bytes(fd) > kMaxInflatedBytes;
+  // On success the tag file owns the descriptor; otherwise it is still ours.
+  struct id3_file* file = fd >= 0 && !too_much ? id3_file_fdopen(fd, ID3_FILE_MODE_READONLY) : nullptr;
+  if (file == nullptr && too_much) close(fd);
   if (file == nullptr && !too_much) {
+    if (fd >= 0) close(fd);
     printf("Cannot open %s\n", path);
     err_log(2, kLogModuleScan, "Cannot open %s\n", path);
     return -1;

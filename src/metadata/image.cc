@@ -14,6 +14,7 @@
 
 #include "metadata/bytes.h"
 #include "platform/holders.h"
+#include "platform/regular_file.h"
 
 static_assert(sizeof(off_t) == 8, "the build must use 64-bit file offsets");
 
@@ -274,7 +275,7 @@ constexpr char kPngSignature[] = "\x89PNG\r\n\x1a\n";
 int get_img_size(ImageInfo* info) {
   // An unterminated path cannot be opened (nor printed) safely.
   const bool terminated = memchr(info->path, '\0', sizeof info->path) != nullptr;
-  UniqueFile file(terminated ? fopen(info->path, "rb") : nullptr);
+  UniqueFile file(terminated ? fopen_regular(info->path) : nullptr);
   if (!file) {
     puts("get_img_size(): open file error");
     return 0;

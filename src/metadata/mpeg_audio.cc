@@ -9,6 +9,7 @@
 #include "log/err_log.h"
 #include "metadata/bytes.h"
 #include "platform/holders.h"
+#include "platform/regular_file.h"
 
 static_assert(sizeof(off_t) == 8, "MP3 files above 2 GiB need 64-bit offsets");
 
@@ -203,7 +204,7 @@ void mp3_average_bitrate(FILE* f, Mp3Frame* first) {
 }
 
 int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
-  UniqueFile file(fopen(path, "rb"));
+  UniqueFile file(fopen_regular(path));
   if (!file) {
     err_log(2, kLogModuleScan, "Could not open %s for reading\n", path);
     printf("Could not open %s for reading\n", path);

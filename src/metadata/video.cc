@@ -14,6 +14,7 @@
 
 #include "metadata/bytes.h"
 #include "platform/holders.h"
+#include "platform/regular_file.h"
 
 static_assert(sizeof(off_t) == 8, "the build must use 64-bit file offsets");
 
@@ -261,7 +262,7 @@ int get_video_info(const char* path, VideoInfo* info) {
 
   if (!has_mpeg_extension(path)) return -1;
 
-  Fd fd(open(path, O_RDONLY));
+  Fd fd(open_regular(path));
   if (fd.fd < 0) {
     printf("Can not open <%s> file\n", path);
     return -1;

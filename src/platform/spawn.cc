@@ -4,10 +4,14 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <string>
 
 #include "platform/holders.h"
 
@@ -33,6 +37,69 @@ struct SpawnAttr : NoCopy {
   }
 };
 
+// Where a program was found on PATH. The detector is started once per MP3
+// file, and looking it up again each time walks every PATH folder with
+// execve (all of them, when it is not installed), so the answer is kept for
+// as long as PATH reads the same. A PATH with a relative folder depends on
+// the working folder, and is searched every time by posix_spawnp.
+struct Lookup {
+  std::string program;
+  std::string path_env;
+  bool has_path_env = false;
+  bool cacheable = false;
+  bool found = false;
+  std::string file;  // the absolute path of the program, when found
+};
+
+Lookup last_lookup;
+
+// What execvp would run: the first regular, executable file of that name in
+// the PATH folders (or confstr's default when PATH is unset).
+void look_up(const char* program, Lookup* out) {
+  const char* env = getenv("PATH");
+  out->program = program;
+  out->has_path_env = env != nullptr;
+  out->path_env = env ? env : "";
+  out->found = false;
+  out->file.clear();
+  std::string dirs = out->path_env;
+  if (env == nullptr) {
+    char buf[256];
+    const size_t n = confstr(_CS_PATH, buf, sizeof buf);
+    dirs = n > 0 && n <= sizeof buf ? buf : "/bin:/usr/bin";
+  }
+  out->cacheable = true;
+  size_t start = 0;
+  while (start <= dirs.size()) {
+    size_t end = dirs.find(':', start);
+    if (end == std::string::npos) end = dirs.size();
+    const std::string dir = dirs.substr(start, end - start);
+    start = end + 1;
+    if (dir.empty() || dir[0] != '/') {
+      out->cacheable = false;
+      return;
+    }
+    const std::string candidate = dir + "/" + program;
+    struct stat st;
+    if (stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(candidate.c_str(), X_OK) == 0) {
+      out->found = true;
+      out->file = candidate;
+      return;
+    }
+  }
+}
+
+// The lookup of program under the current PATH, found or not; null when
+// posix_spawnp must search (a name with a "/", or a relative PATH folder).
+const Lookup* resolve(const char* program) {
+  if (strchr(program, '/') != nullptr) return nullptr;
+  const char* env = getenv("PATH");
+  const bool same = last_lookup.program == program && last_lookup.has_path_env == (env != nullptr) &&
+                    last_lookup.path_env == (env ? env : "");
+  if (!same) look_up(program, &last_lookup);
+  return last_lookup.cacheable ? &last_lookup : nullptr;
+}
+
 // Reads until max bytes, end of file or an error.
 void read_up_to(int fd, char* buf, size_t max) {
   size_t got = 0;
@@ -55,6 +122,8 @@ bool spawn_read_output(const char* program, const char* arg, char* out, size_t c
   if (cap == 0) return false;
   memset(out, 0, cap);
   if (max_read >= cap) max_read = cap - 1;
+  const Lookup* found = resolve(program);
+  if (found != nullptr && !found->found) return false;  // not installed: the empty answer
 
   // Close-on-exec keeps both ends out of the child except as its stdout, and
   // out of any other child this process starts meanwhile.
@@ -70,6 +139,11 @@ bool spawn_read_output(const char* program, const char* arg, char* out, size_t c
       posix_spawn_file_actions_adddup2(&fa.actions, write_end.fd, STDOUT_FILENO) != 0) {
     return false;
   }
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+  // Descriptors this process inherited without close-on-exec (from whoever
+  // started the scan) are none of the detector's business.
+  if (posix_spawn_file_actions_addclosefrom_np(&fa.actions, STDERR_FILENO + 1) != 0) return false;
+#endif
   // Whatever this process does with SIGPIPE, the child must die of it once we
   // stop reading, or a chatty child would spin on EPIPE.
   sigset_t defaults, none;
@@ -84,7 +158,10 @@ bool spawn_read_output(const char* program, const char* arg, char* out, size_t c
 
   char* argv[] = {const_cast<char*>(program), const_cast<char*>(arg), nullptr};
   pid_t pid;
-  if (posix_spawnp(&pid, program, &fa.actions, &sa.attr, argv, environ) != 0) return false;
+  const int rc = found != nullptr
+                     ? posix_spawn(&pid, found->file.c_str(), &fa.actions, &sa.attr, argv, environ)
+                     : posix_spawnp(&pid, program, &fa.actions, &sa.attr, argv, environ);
+  if (rc != 0) return false;
   close(write_end.release());  // so that the child's exit is seen as end of file
 
   read_up_to(read_end.fd, out, max_read);

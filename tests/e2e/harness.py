@@ -466,7 +466,18 @@ class Sandbox:
         """Puts a real detector program (e.g. the bundled build/detect_char_encode) first on PATH,
         in place of the stub; its calls are then not logged."""
         self.detector(missing=True)
-        shutil.copy2(program, self.path("bin", "detect_char_encode"))
+        target = self.path("bin", "detect_char_encode")
+        if not LAUNCHER:
+            shutil.copy2(program, target)
+            return
+        # The program under test runs in an emulator, which cannot start another emulated
+        # executable itself (the host kernel has no handler for it); a host script can, so
+        # the detector is reached through the same launcher.
+        copy = self.path("bin", "detect_char_encode.target")
+        shutil.copy2(program, copy)
+        with open(target, "w") as f:
+            f.write("#!/bin/sh\nexec %s \"$@\"\n" % " ".join(shlex.quote(w) for w in LAUNCHER + [copy]))
+        os.chmod(target, 0o755)
 
     def detector_calls(self):
         """The arguments the detector was called with, in order (bytes)."""

@@ -76,14 +76,20 @@ TEST_F(FolderFlags, EmptyFolderTableRunsNoOtherStatement) {
 // The flags come from an index of the media paths rather than three LIKE
 // counts per folder; they must be exactly what the counts say, also where
 // SQLite's reading of a path is not byte-wise: A-Z folded but not other
-// letters, invalid UTF-8 read as other characters, wildcards in names.
-TEST_F(FolderFlags, IndexAgreesWithTheLikeCounts) {
-  const std::string& s = dir_;
+// letters, invalid UTF-8 read as other characters, wildcards in names, and
+// wildcards in the share folder's own name, which every path begins with.
+class FolderFlagsLike : public FolderFlags, public ::testing::WithParamInterface<const char*> {};
+
+INSTANTIATE_TEST_SUITE_P(ShareNames, FolderFlagsLike, ::testing::Values("", "HD_a2/", "a_b%/", "x%y_/z/"));
+
+TEST_P(FolderFlagsLike, IndexAgreesWithTheLikeCounts) {
+  const std::string s = dir_ + GetParam();
   const std::vector<std::string> names = {
       "Mixed/",     "mixed/",      "MIXED/x/",  "\xc3\x89t\xc3\xa9/", "\xc3\xa9t\xc3\xa9/",
       "\x80/",       "\xc2\x80/",    "\xc0\x80/", "\xc1\x81/",         "\xef\xbf\xbd/",
       "a%b/",       "a_b/",        "axb/",      "it's/",             "deep/er/",
       "deep/",      "\xed\xa0\x80/", "\xf0\x9f\x8e\xb5/", "\xc3/", "\xc3\xa9/",
+      "x_/",        "x_/%/",       "xy/",       "xy/z/",             "A_%/",
   };
   folder(s, 0);
   int layer = 1;
@@ -98,6 +104,8 @@ TEST_F(FolderFlags, IndexAgreesWithTheLikeCounts) {
   photo(3, s + "\xef\xbf\xbd/", "r.jpg");
   music(4, s + "\xc3\xa9/", "e.mp3", "e");
   video(2, s + "\xf0\x9f\x8e\xb5/", "w.mpg");
+  music(5, s + "xy/z/", "z.mp3", "z");
+  photo(4, s + "x_/%/", "x.jpg");
   EXPECT_EQ(run(1), "");
 
   for (const auto& row : rows("select path,have_video,have_music,have_photo from path_objid_tbl;")) {

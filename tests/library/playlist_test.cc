@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -167,17 +168,21 @@ TEST_F(Playlist, UnreadablePlaylistKeepsItsRowAndTheRunGoesOn) {
   EXPECT_EQ(pls_file(12), "2,");
 }
 
-// fopen succeeds on a folder but every read fails: the read error, not an
-// end of file that never comes, has to end the loop.
-TEST_F(Playlist, ReadErrorEndsThePlaylist) {
+// What took a playlist's place after the walk listed it is read only when it
+// is a regular file: a folder, a FIFO without a writer (which would hold the
+// phase in open() for good) and a link count as playlists that can't be opened.
+TEST_F(Playlist, OnlyRegularFilesAreRead) {
   songs();
+  write_file("real.m3u", "a.mp3\n");
   untagged("music_tbl", 10, dir_, "dir.m3u", "m3u");
-  untagged("music_tbl", 11, dir_, "dir.pls", "pls");
+  untagged("music_tbl", 11, dir_, "link.m3u", "m3u");
+  untagged("music_tbl", 12, dir_, "fifo.pls", "pls");
   ASSERT_EQ(mkdir((dir_ + "dir.m3u").c_str(), 0700), 0);
-  ASSERT_EQ(mkdir((dir_ + "dir.pls").c_str(), 0700), 0);
-  EXPECT_EQ(run(), "");
-  EXPECT_EQ(pls_file(10), "");
-  EXPECT_EQ(pls_file(11), "");
+  ASSERT_EQ(symlink("real.m3u", (dir_ + "link.m3u").c_str()), 0);
+  ASSERT_EQ(mkfifo((dir_ + "fifo.pls").c_str(), 0600), 0);
+  EXPECT_EQ(run(), "parser_playlist():Open [" + dir_ + "dir.m3u] fail\nparser_playlist():Open [" + dir_ +
+                       "link.m3u] fail\nparser_playlist():Open [" + dir_ + "fifo.pls] fail\n");
+  for (int no : {10, 11, 12}) EXPECT_EQ(pls_file(no), "0") << no;
 }
 
 // A folder path and an entry of close to 511 bytes each still make a whole

@@ -96,6 +96,35 @@ TEST(SpawnReadOutput, MissingProgramGivesEmptyAnswer) {
   EXPECT_FALSE(ran);
 }
 
+// The program is looked up once for as long as PATH reads the same: a copy
+// that appears later in an earlier folder, or at all after a miss, is not
+// seen until PATH changes.
+TEST(SpawnReadOutput, LooksTheProgramUpOncePerPath) {
+  StubPath first(/*keep_system_path=*/false);
+  StubPath second(/*keep_system_path=*/false);
+  const std::string both = first.dir() + ":" + second.dir();
+  setenv("PATH", both.c_str(), 1);
+  second.Program("detect_char_encode", "printf 'second'\n");
+  EXPECT_EQ(Answer("detect_char_encode", "x"), "second");
+  first.Program("detect_char_encode", "printf 'first'\n");
+  EXPECT_EQ(Answer("detect_char_encode", "x"), "second");
+  const std::string again = both + ":/nonexistent";
+  setenv("PATH", again.c_str(), 1);
+  EXPECT_EQ(Answer("detect_char_encode", "x"), "first");
+
+  unlink(second.File("detect_char_encode").c_str());
+  const std::string gone = second.dir() + ":/nonexistent";
+  setenv("PATH", gone.c_str(), 1);
+  bool ran = true;
+  EXPECT_EQ(Answer("detect_char_encode", "x", &ran), "");
+  EXPECT_FALSE(ran);
+  second.Program("detect_char_encode", "printf 'late'\n");
+  EXPECT_EQ(Answer("detect_char_encode", "x", &ran), "");  // remembered as missing
+  EXPECT_FALSE(ran);
+  setenv("PATH", second.dir().c_str(), 1);
+  EXPECT_EQ(Answer("detect_char_encode", "x"), "late");
+}
+
 TEST(SpawnReadOutput, LeaksNoDescriptors) {
   StubPath stub;
   stub.Program("detect_char_encode", "printf 'Big5'\n");

@@ -1,0 +1,267 @@
+#!/usr/bin/env python3
+"""Times whole scans of generated shares in the test sandbox, next to the floor program.
+
+    run_bench.py --bin BUILD/mediawalk --floor BUILD/floor --work DIR [--sizes 1000,10000,100000]
+                 [--runs N] [--seed S] [--out FILE] [--label TEXT]
+
+For every size it makes (once, cached under DIR/shares) a share with make_share.py, times the
+floor program on it, and scans it with a stub detector that answers nothing at once and with no
+detector on PATH. Each phase's time is taken from when its log line arrives on stdout (the
+program's stdout is line-buffered); "count" includes the sandbox's start. CPU time and peak
+resident memory come from /usr/bin/time run inside the sandbox: the program's own, with the
+largest of the shells and detectors it starts. With several runs the fastest is kept.
+"""
+
+import argparse
+import datetime
+import os
+import platform
+import shutil
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+REPO = os.path.dirname(HERE)
+sys.path.insert(0, os.path.join(REPO, "tests", "e2e"))
+
+# Phase ends, in the order the program prints them; each phase starts where the previous ends.
+MARKS = [
+    ("count", b"total_file_cnt["),
+    ("setup", b"Scan Music -->"),
+    ("walk", b"Parse playlist-->"),
+    ("playlists", b"Sort DBtable-->"),
+    ("sort", b"Assign path_objid_tbl media-->"),
+    ("flags", b"Cover old-DB table-->"),
+]
+SHOWN_PHASES = ["count", "walk", "playlists", "sort", "flags"]
+
+
+def make_share(work, size, seed):
+    folder = os.path.join(work, "shares", "%d-s%d" % (size, seed))
+    stamp = os.path.join(folder, "done")
+    generator = os.path.join(HERE, "make_share.py")
+    version = str(os.stat(generator).st_mtime_ns)
+    if os.path.exists(stamp) and open(stamp).read() == version:
+        return os.path.join(folder, "HD_a2") + "/"
+    if os.path.exists(folder):
+        shutil.rmtree(folder)
+    os.makedirs(os.path.dirname(folder), exist_ok=True)
+    started = time.monotonic()
+    subprocess.run([sys.executable, generator, "--files", str(size), "--seed", str(seed), folder],
+                   check=True, stdout=subprocess.DEVNULL)
+    with open(stamp, "w") as f:
+        f.write(version)
+    print("  made the %d-file share in %.1f s" % (size, time.monotonic() - started), flush=True)
+    return os.path.join(folder, "HD_a2") + "/"
+
+
+# A child of this Python process starts with Python's own peak in its ru_maxrss (fork and exec
+# carry it over), so the peak is taken by /usr/bin/time, whose fresh child starts small.
+TIME = "/usr/bin/time"
+
+
+def measured(command, rss_file):
+    """command with /usr/bin/time put right before the program (the last element)."""
+    if not os.access(TIME, os.X_OK):
+        return command
+    return command[:-1] + [TIME, "-f", "%M %U %S", "-o", rss_file] + command[-1:]
+
+
+def peak_rss(rss_file, usage):
+    """(peak RSS KiB, CPU seconds) of the program and its children; from /usr/bin/time's note,
+    else the wait4 figures (the peak then an upper bound)."""
+    try:
+        with open(rss_file) as f:
+            rss, user, system = f.read().split()[-3:]
+            return int(rss), (float(user), float(system))
+    except (OSError, ValueError):
+        return usage.ru_maxrss, (usage.ru_utime, usage.ru_stime)
+    finally:
+        if os.path.exists(rss_file):
+            os.unlink(rss_file)
+
+
+def timed_run(sb, timeout):
+    """One sandboxed run; returns (status, wall seconds, {mark: seconds}, maxrss KiB, stdout)."""
+    import harness
+    sb._ovl_work = tempfile.mkdtemp(prefix="ovl", dir=sb.root)
+    sb.xmldb = harness.XmldbDaemon(os.path.join(sb.run_dir, harness.XMLDB_SOCK))
+    sb.xmldb.start()
+    seen = {}
+    lines = []
+    rss_file = sb.path("log", "maxrss")
+    try:
+        with open(sb.path("log", "stderr"), "wb") as err:
+            started = time.monotonic()
+            proc = subprocess.Popen(measured(sb.command(), rss_file), env=sb.environment(), stdin=subprocess.DEVNULL,
+                                    stdout=subprocess.PIPE, stderr=err, cwd=sb.root)
+            killer = threading.Timer(timeout, proc.kill)
+            killer.start()
+            for line in proc.stdout:
+                now = time.monotonic() - started
+                lines.append(line)
+                for name, prefix in MARKS:
+                    if name not in seen and line.startswith(prefix):
+                        seen[name] = now
+            _, status, usage = os.wait4(proc.pid, 0)
+            wall = time.monotonic() - started
+            killer.cancel()
+            proc.returncode = os.waitstatus_to_exitcode(status)
+    finally:
+        sb.xmldb.stop()
+        harness._rmtree(sb._ovl_work)
+    rss, cpu = peak_rss(rss_file, usage)
+    return proc.returncode, wall, seen, rss, cpu, b"".join(lines)
+
+
+def phase_times(seen, wall):
+    out = {}
+    previous = 0.0
+    for name, _ in MARKS:
+        if name not in seen:
+            return None
+        out[name] = seen[name] - previous
+        previous = seen[name]
+    out["rest"] = wall - previous
+    return out
+
+
+def scan(share, mode, runs, timeout, extra_env=()):
+    import harness
+    sb = harness.Sandbox(name="bench")
+    sb.extra_env.update(item.split("=", 1) for item in extra_env)
+    try:
+        sb.conf(sharepath=share)
+        sb.write_codepage("cp850\n")
+        sb.detector(missing=True)
+        if mode == "stub":
+            script = sb.path("bin", "detect_char_encode")
+            with open(script, "w") as f:
+                f.write("#!/bin/sh\nprintf ''\n")
+            os.chmod(script, 0o755)
+        elif shutil.which("detect_char_encode", path=sb.environment()["PATH"]):
+            raise SystemExit("run_bench.py: a detect_char_encode is on the system PATH; "
+                             "the no-detector runs would not be without one")
+        best = None
+        for _ in range(runs):
+            status, wall, seen, rss, cpu, out = timed_run(sb, timeout)
+            phases = phase_times(seen, wall)
+            if status != 1 or phases is None:
+                tail = out[-1500:].decode("utf-8", "replace")
+                raise SystemExit("run_bench.py: run failed (status %d):\n%s" % (status, tail))
+            if best is None or wall < best["wall"]:
+                best = {"wall": wall, "phases": phases, "rss": rss, "cpu": cpu,
+                        "scanned": _scanned(out)}
+        return best
+    finally:
+        sb.cleanup()
+
+
+def _scanned(out):
+    for line in out.splitlines():
+        if line.startswith(b"total_scan_cnt["):
+            return int(line[len(b"total_scan_cnt["):-1])
+    return 0
+
+
+def floor(program, share, work, runs):
+    best = None
+    for _ in range(runs):
+        db = os.path.join(work, "floor.db")
+        started = time.monotonic()
+        rss_file = os.path.join(work, "floor.maxrss")
+        proc = subprocess.Popen(measured([program], rss_file) + [share, db], stdout=subprocess.PIPE)
+        out = proc.stdout.read()
+        _, status, usage = os.wait4(proc.pid, 0)
+        wall = time.monotonic() - started
+        proc.returncode = os.waitstatus_to_exitcode(status)
+        if proc.returncode != 0:
+            raise SystemExit("run_bench.py: the floor program failed")
+        if best is None or wall < best["wall"]:
+            rss, cpu = peak_rss(rss_file, usage)
+            best = {"wall": wall, "rss": rss, "cpu": cpu, "out": out.decode().strip()}
+        os.unlink(db)
+    return best
+
+
+def fmt_row(size, kind, r, floor_wall=None):
+    cells = ["%d" % size, kind, "%.3f" % r["wall"], "%.2f + %.2f" % r["cpu"], "%.0f" % (size / r["wall"])]
+    if "phases" in r:
+        cells += ["%.3f" % r["phases"][p] for p in SHOWN_PHASES]
+        cells.append("%.1f" % (r["rss"] / 1024.0))
+        cells.append("%.2f" % (r["wall"] / floor_wall) if floor_wall else "")
+    else:
+        cells += [""] * len(SHOWN_PHASES) + ["%.1f" % (r["rss"] / 1024.0), "1.00"]
+    return "| " + " | ".join(cells) + " |"
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--bin", required=True)
+    ap.add_argument("--floor", required=True)
+    ap.add_argument("--work", required=True)
+    ap.add_argument("--sizes", default="1000,10000,100000")
+    ap.add_argument("--runs", type=int, default=3)
+    ap.add_argument("--seed", type=int, default=1)
+    ap.add_argument("--modes", default="none,stub")
+    ap.add_argument("--timeout", type=float, default=3600)
+    ap.add_argument("--out", help="also write the table (markdown) to this file")
+    ap.add_argument("--label", default="", help="a line shown above the table")
+    ap.add_argument("--env", action="append", default=[], metavar="NAME=VALUE",
+                    help="an extra environment variable for the program (for experiments)")
+    args = ap.parse_args()
+
+    args.work = os.path.abspath(args.work)
+    os.makedirs(args.work, exist_ok=True)
+    os.environ["MEDIAWALK_BIN"] = os.path.abspath(args.bin)
+    os.environ["MEDIAWALK_E2E_WORK"] = os.path.join(os.path.abspath(args.work), "runs")
+    import harness
+    problem = harness.sandbox_problem()
+    if problem:
+        raise SystemExit("run_bench.py: cannot sandbox here: " + problem)
+
+    sizes = [int(s) for s in args.sizes.split(",")]
+    modes = args.modes.split(",")
+    header = ("| files | run | wall s | CPU user + sys s | files/s | " + " | ".join(p + " s" for p in SHOWN_PHASES)
+              + " | peak RSS MiB | × floor |")
+    rule = "|" + "---|" * (header.count("|") - 1)
+    rows = [header, rule]
+    walls = {}
+    for size in sizes:
+        share = make_share(args.work, size, args.seed)
+        fl = floor(args.floor, share, args.work, args.runs)
+        rows.append(fmt_row(size, "floor", fl))
+        print(rows[-1], flush=True)
+        for mode in modes:
+            r = scan(share, mode, args.runs, args.timeout, args.env)
+            walls[(size, mode)] = r["wall"]
+            rows.append(fmt_row(size, "no detector" if mode == "none" else "stub detector", r, fl["wall"]))
+            print(rows[-1], flush=True)
+
+    notes = []
+    for mode in modes:
+        for small, big in zip(sizes, sizes[1:]):
+            if (small, mode) in walls and (big, mode) in walls:
+                notes.append("time(%d) / time(%d), %s: %.2f (linear: %.1f)" % (
+                    big, small, "no detector" if mode == "none" else "stub detector",
+                    walls[(big, mode)] / walls[(small, mode)], big / small))
+    stamp = datetime.datetime.now().strftime("%Y-%m-%d %H:%M")
+    text = "\n".join(
+        ([args.label, ""] if args.label else [])
+        + ["%s on %s, %d CPUs, Python %s; best of %d runs; share seed %d." % (
+            stamp, platform.node() or "this machine", os.cpu_count() or 0, platform.python_version(),
+            args.runs, args.seed), ""]
+        + rows + [""] + notes) + "\n"
+    print()
+    print(text)
+    if args.out:
+        os.makedirs(os.path.dirname(os.path.abspath(args.out)), exist_ok=True)
+        with open(args.out, "a") as f:
+            f.write(text + "\n")
+
+
+if __name__ == "__main__":
+    main()

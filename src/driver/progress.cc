@@ -1,0 +1,104 @@
+#include "driver/progress.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "library/media_types.h"
+#include "platform/holders.h"
+#include "platform/xmldb.h"
+
+std::atomic<int32_t> total_file_cnt{0};
+std::atomic<int32_t> total_scan_cnt{0};
+std::atomic<int32_t> scan_finished{0};
+
+namespace {
+
+// Folder path plus entry name must stay below this many bytes, as in the walk.
+constexpr size_t kPathLimit = 512;
+// An extension of this many bytes or more after the last dot is not counted.
+constexpr size_t kExtLimit = 6;
+constexpr unsigned kPublishPeriodSeconds = 3;
+
+std::atomic<ProgressPublisher> publisher{nullptr};
+
+void publish(const char* node, const char* value) {
+  ProgressPublisher p = publisher.load();
+  // Failures are not looked at: the next period publishes again.
+  if (p != nullptr)
+    (void)p(node, value);
+  else
+    (void)xmldbc_set(nullptr, 0, node, value);
+}
+
+}  // namespace
+
+void set_progress_publisher(ProgressPublisher p) { publisher.store(p); }
+
+int32_t Cnt_total_file(const char* path, DIR* dir) {
+  int32_t count = 0;
+  const size_t path_len = strlen(path);
+  struct dirent64* entry;
+  while ((entry = readdir64(dir)) != nullptr) {
+    const char* name = entry->d_name;
+    const size_t sum = path_len + strlen(name);
+    // Up to 512 bytes composed, plus the "/" a folder gets and the terminator.
+    char full[kPathLimit + 2];
+    memset(full, 0, sizeof full);
+    if (sum <= kPathLimit) snprintf(full, sizeof full, "%s%s", path, name);
+
+    // A name too long to compose ends here, with an empty file field. The
+    // call's result is shown, not errno: -1 and its text.
+    struct stat64 st;
+    const int rc = lstat64(full, &st);
+    if (rc != 0) {
+      printf("<mediawalk>Cnt_total_file(): lstat error:[%s],%d,file:[%s]\n", strerror(rc), rc, full);
+      continue;
+    }
+    if (sum >= kPathLimit) {
+      printf("<Cnt_total_file>Cnt_total_file(): file path too long %d\n", static_cast<int>(sum));
+      continue;
+    }
+    if (name[0] == '.') continue;
+    if (S_ISLNK(st.st_mode)) {
+      printf("Link File: [%s]\n", full);
+      continue;
+    }
+    if (S_ISDIR(st.st_mode)) {
+      full[sum] = '/';
+      full[sum + 1] = '\0';
+      UniqueDir sub(opendir(full));
+      if (!sub) {
+        printf("<mediawalk>Cnt_total_file(): opendir error:[%s],file:[%s]\n", strerror(errno), full);
+        continue;
+      }
+      count += Cnt_total_file(full, sub.get());
+      continue;
+    }
+    if (!S_ISREG(st.st_mode)) continue;
+
+    const char* dot = strrchr(name, '.');
+    if (dot == nullptr) continue;
+    if (strnlen(dot + 1, kExtLimit) >= kExtLimit) continue;
+    if (media_class_of(dot) == kClassNone) continue;
+    ++total_file_cnt;
+    ++count;
+  }
+  return count;
+}
+
+void* progress_thread(void*) {
+  while (scan_finished.load() != 1) {
+    char file_text[128];
+    snprintf(file_text, sizeof file_text, "%d", total_file_cnt.load());
+    if (file_text[0] != '\0') publish("/runtime/scan_media/total_file", file_text);
+    char scan_text[128];
+    snprintf(scan_text, sizeof scan_text, "%d", total_scan_cnt.load());
+    if (scan_text[0] != '\0') publish("/runtime/scan_media/total_scan_file", scan_text);
+    sleep(kPublishPeriodSeconds);
+  }
+  pthread_exit(nullptr);
+}
