@@ -67,5 +67,5 @@ mk mpeg2_ntsc.mpeg mpeg2video 720x480 30000/1001
 mk mpeg2_pal_display.MPG mpeg2video 720x576 25 -video_format pal
 # MPEG-1 pel aspect codes 12 (525-line 4:3) and 8 (625-line 4:3), each at the
 # other system's frame rate, so the aspect code and not the rate decides.
-mk mpeg1_aspect12.mpg mpeg1video 352x240 25 -vf setsar=10/11
-mk mpeg1_aspect8.mpg mpeg1video 352x288 30000/1001 -vf setsar=12/11
+mk mpeg1_ratio12.mpg mpeg1video 352x240 25 -vf setsar=10/11
+mk mpeg1_ratio8.mpg mpeg1video 352x288 30000/1001 -vf setsar=12/11

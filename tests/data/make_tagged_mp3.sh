@@ -72,7 +72,7 @@ ffmpeg_file genre_rock.mp3 4 -metadata title="Genre Rock" -metadata genre="Rock"
 id3v2_file cp1252_title.mp3 -t "$(printf '\200 Euro')"
 ffmpeg_file v24_utf8.mp3 4 -metadata title="Ünïcode" -metadata artist="UTF-8 Artist"
 
-# Tags the taggers above cannot write. Frame spec: ID:ENC:TEXT, where ENC is
+# Tags the taggers above cannot write. Frame layout: ID:ENC:TEXT, where ENC is
 # latin1, latin1z (with a terminating zero), utf16 (with BOM), utf16be or raw
 # (TEXT written as is, no encoding byte).
 mktag() {
@@ -88,8 +88,8 @@ def size_bytes(n, synchsafe):
     return n.to_bytes(4, "big")
 
 frames = b""
-for spec in sys.argv[4:]:
-    fid, enc, text = spec.split(":", 2)
+for frame_arg in sys.argv[4:]:
+    fid, enc, text = frame_arg.split(":", 2)
     if enc == "latin1":
         body = b"\x00" + text.encode("latin-1")
     elif enc == "latin1z":

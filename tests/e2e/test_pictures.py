@@ -38,8 +38,8 @@ PHOTOS = {
 VIDEOS = {
     "mpeg1_pal.mpg": (352, 288, 1),
     "mpeg1_ntsc.mpg": (352, 240, 2),
-    "mpeg1_aspect12.mpg": (352, 240, 2),  # the aspect code decides over the 25 Hz rate
-    "mpeg1_aspect8.mpg": (352, 288, 1),
+    "mpeg1_ratio12.mpg": (352, 240, 2),  # the aspect code decides over the 25 Hz rate
+    "mpeg1_ratio8.mpg": (352, 288, 1),
     "mpeg2_pal.mpg": (720, 576, 1),
     "mpeg2_ntsc.mpeg": (720, 480, 2),
     "mpeg2_pal_display.MPG": (720, 576, 1),

@@ -111,8 +111,8 @@ struct Sample {
 const Sample kSamples[] = {
     {"mpeg1_pal.mpg", 352, 288, 1, 3, 1},
     {"mpeg1_ntsc.mpg", 352, 240, 1, 4, 2},
-    {"mpeg1_aspect12.mpg", 352, 240, 1, 3, 2},  // aspect code beats the 25 Hz rate
-    {"mpeg1_aspect8.mpg", 352, 288, 1, 4, 1},
+    {"mpeg1_ratio12.mpg", 352, 240, 1, 3, 2},  // aspect code beats the 25 Hz rate
+    {"mpeg1_ratio8.mpg", 352, 288, 1, 4, 1},
     {"mpeg2_pal.mpg", 720, 576, 2, 3, 1},
     {"mpeg2_ntsc.mpeg", 720, 480, 2, 4, 2},
     {"mpeg2_pal_display.MPG", 720, 576, 2, 3, 1},  // from the display extension
