@@ -6,6 +6,7 @@ import os
 import unittest
 
 import harness
+import id3build
 from harness import SandboxTestCase
 
 NODE_TOTAL = "/runtime/scan_media/total_file"
@@ -176,13 +177,17 @@ class WalkRun(SandboxTestCase):
         self.assertEqual(self.final_counts(), ("1", "1"))
 
     def test_progress_is_published_while_the_scan_runs(self):
-        # The frame search reads the whole of an MP3 file that holds only zeros, so a sparse one
-        # of a few GiB keeps the scan busy for several seconds at no disk cost.
+        # The first file's tag sample goes to a detector that takes 7 seconds to answer, which
+        # holds the scan there over two publishing periods whatever the machine's speed.
         sb = self.sb
-        size = (2 << 30) + 5
-        sb.sparse("a_long.mp3", size)
+        with open(os.path.join(harness.FIXTURES, "audio", "cbr128_44k.mp3"), "rb") as f:
+            sb.file("a_long.mp3", id3build.latin1_tag([("TIT2", b"Long")]) + f.read())
         for i in range(3):
             sb.file("b%d.srt" % i, b"1")
+        slow = sb.path("bin", "detect_char_encode")
+        with open(slow, "w") as f:
+            f.write("#!/bin/sh\nsleep 7\nprintf windows-1252\n")
+        os.chmod(slow, 0o755)
         res = self.run_ok()
         self.assertGreater(res.elapsed, 3.5, "the run must outlast one publishing period")
 
@@ -197,7 +202,7 @@ class WalkRun(SandboxTestCase):
         self.assertEqual(scanned[-1], 4)
         # At least two periods passed while the long file (the first one handled) was read.
         self.assertGreaterEqual(len([v for v in scanned if v <= 1]), 2, requests)
-        self.assertEqual(sb.rows("music_tbl", columns="Filesize"), [(b"%d" % size,)])
+        self.assertEqual(sb.rows("music_tbl", columns="Title"), [(b"Long",)])
 
 
 if __name__ == "__main__":
