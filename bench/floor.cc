@@ -8,6 +8,14 @@
 //
 // Prints "files N folders M bytes B" (B = bytes read). Not part of the
 // product: the benchmark builds it to have a yardstick.
+//
+//   floor --commits N DATABASE_FILE
+//
+// The other yardstick: N one-row INSERTs, each its own transaction, under the
+// scanner's commit settings (synchronous=OFF, journal_mode=PERSIST). Once the
+// first m3u playlist has committed the walk, every later statement of a scan
+// (a sorted-table row per media file, a flag update per folder) is such a
+// transaction; this is what they cost at the least. Prints "commits N".
 #include <dirent.h>
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -55,9 +63,32 @@ long long read_file(const char* path, bool whole) {
 
 }  // namespace
 
+int commits(long long n, const char* db_file) {
+  unlink(db_file);
+  sqlite3* db = nullptr;
+  if (sqlite3_open(db_file, &db) != SQLITE_OK) return 1;
+  sqlite3_exec(db, "CREATE TABLE music_sortidx_tbl (idx,reserve1,reserve2);", nullptr, nullptr, nullptr);
+  sqlite3_exec(db, "PRAGMA synchronous=OFF;", nullptr, nullptr, nullptr);
+  sqlite3_exec(db, "PRAGMA journal_mode=PERSIST;", nullptr, nullptr, nullptr);
+  sqlite3_stmt* insert = nullptr;
+  if (sqlite3_prepare_v2(db, "insert into music_sortidx_tbl values (?,0,0);", -1, &insert, nullptr) != SQLITE_OK)
+    return 1;
+  for (long long i = 1; i <= n; ++i) {
+    sqlite3_bind_int64(insert, 1, i);
+    if (sqlite3_step(insert) != SQLITE_DONE) return 1;
+    sqlite3_reset(insert);
+  }
+  sqlite3_finalize(insert);
+  sqlite3_exec(db, "PRAGMA journal_mode=DELETE;", nullptr, nullptr, nullptr);
+  sqlite3_close(db);
+  printf("commits %lld\n", n);
+  return 0;
+}
+
 int main(int argc, char** argv) {
+  if (argc == 4 && strcmp(argv[1], "--commits") == 0) return commits(atoll(argv[2]), argv[3]);
   if (argc != 3) {
-    fprintf(stderr, "usage: floor SHARE_FOLDER DATABASE_FILE\n");
+    fprintf(stderr, "usage: floor SHARE_FOLDER DATABASE_FILE | floor --commits N DATABASE_FILE\n");
     return 2;
   }
   unlink(argv[2]);

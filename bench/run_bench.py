@@ -6,7 +6,9 @@
 
 For every size it makes (once, cached under DIR/shares) a share with make_share.py, times the
 floor program on it, and scans it with a stub detector that answers nothing at once and with no
-detector on PATH. Each phase's time is taken from when its log line arrives on stdout (the
+detector on PATH. Then it times the floor program's other yardstick: as many one-row
+transactions as files were scanned, which is the least the scan's statements after the first m3u
+playlist cost, each committing on its own. Each phase's time is taken from when its log line arrives on stdout (the
 program's stdout is line-buffered); "count" includes the sandbox's start. CPU time and peak
 resident memory come from /usr/bin/time run inside the sandbox: the program's own, with the
 largest of the shells and detectors it starts. With several runs the fastest is kept.
@@ -167,13 +169,15 @@ def _scanned(out):
     return 0
 
 
-def floor(program, share, work, runs):
+def floor(program, share, work, runs, commits=None):
+    """The floor program's best run over the share, or with commits=N its N one-row transactions."""
+    args = ["--commits", str(commits)] if commits is not None else [share]
     best = None
     for _ in range(runs):
         db = os.path.join(work, "floor.db")
         started = time.monotonic()
         rss_file = os.path.join(work, "floor.maxrss")
-        proc = subprocess.Popen(measured([program], rss_file) + [share, db], stdout=subprocess.PIPE)
+        proc = subprocess.Popen(measured([program], rss_file) + args + [db], stdout=subprocess.PIPE)
         out = proc.stdout.read()
         _, status, usage = os.wait4(proc.pid, 0)
         wall = time.monotonic() - started
@@ -194,7 +198,7 @@ def fmt_row(size, kind, r, floor_wall=None):
         cells.append("%.1f" % (r["rss"] / 1024.0))
         cells.append("%.2f" % (r["wall"] / floor_wall) if floor_wall else "")
     else:
-        cells += [""] * len(SHOWN_PHASES) + ["%.1f" % (r["rss"] / 1024.0), "1.00"]
+        cells += [""] * len(SHOWN_PHASES) + ["%.1f" % (r["rss"] / 1024.0), "1.00" if kind == "floor" else ""]
     return "| " + " | ".join(cells) + " |"
 
 
@@ -230,18 +234,29 @@ def main():
     rule = "|" + "---|" * (header.count("|") - 1)
     rows = [header, rule]
     walls = {}
+    notes = []
     for size in sizes:
         share = make_share(args.work, size, args.seed)
         fl = floor(args.floor, share, args.work, args.runs)
         rows.append(fmt_row(size, "floor", fl))
         print(rows[-1], flush=True)
+        scanned = None
         for mode in modes:
             r = scan(share, mode, args.runs, args.timeout, args.env)
             walls[(size, mode)] = r["wall"]
+            scanned = scanned or r["scanned"]
             rows.append(fmt_row(size, "no detector" if mode == "none" else "stub detector", r, fl["wall"]))
             print(rows[-1], flush=True)
+        if scanned:
+            # After the first m3u playlist every statement commits on its own; one such
+            # transaction per scanned file is the least of it.
+            cm = floor(args.floor, share, args.work, args.runs, commits=scanned)
+            rows.append(fmt_row(size, "%d commits" % scanned, cm))
+            print(rows[-1], flush=True)
+            if (size, "none") in walls:
+                notes.append("%d files, no detector: scan / floor %.2f, scan / (floor + commits) %.2f" % (
+                    size, walls[(size, "none")] / fl["wall"], walls[(size, "none")] / (fl["wall"] + cm["wall"])))
 
-    notes = []
     for mode in modes:
         for small, big in zip(sizes, sizes[1:]):
             if (small, mode) in walls and (big, mode) in walls:
