@@ -272,7 +272,7 @@ while [ ! -e {go} ] && [ $i -lt 3000 ]; do sleep 0.01; i=$((i + 1)); done
             sb.file("a.m3u", b"a.mp3\n")
         sb.file("p1.pls", b"File1=b.mp3\n")
         # Thousands of look-ups keep the file open long enough to be caught open.
-        sb.file("p2.pls", b"File1=none.mp3\n" * 5000)
+        sb.file("p2.pls", b"File1=none.mp3\n" * 20000)
         sb.file("zz/held.mp3", tagged([("TIT2", "Held")]))
 
         seen = {}
