@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <vector>
@@ -154,13 +155,14 @@ uint32_t get_syncsafe32(const uint8_t* p) {
   return uint32_t(p[0] & 0x7F) << 21 | uint32_t(p[1] & 0x7F) << 14 | uint32_t(p[2] & 0x7F) << 7 | (p[3] & 0x7F);
 }
 
-// Bytes the compressed frames of the ID3v2.3 or v2.4 tag at the start of the
-// file (read with pread, the descriptor's offset stays) declare once inflated, counted the way libid3tag reads them (v2.3: the
-// tag de-unsynchronised first, a 4-byte size ahead of the data; v2.4: the
-// data length indicator). Counting stops past the limit. 0 for other files.
-uint64_t declared_inflated_bytes(int fd) {
+// Bytes the compressed frames of the ID3v2.3 or v2.4 tag whose header is at
+// `at` declare once inflated (read with pread, the descriptor's offset stays),
+// counted the way libid3tag reads them (v2.3: the tag de-unsynchronised
+// first, a 4-byte size ahead of the data; v2.4: the data length indicator).
+// Counting stops past the limit. 0 where no such tag starts.
+uint64_t tag_inflated_bytes(int fd, off_t at) {
   uint8_t head[10];
-  if (pread(fd, head, sizeof head, 0) != ssize_t(sizeof head) || memcmp(head, "ID3", 3) != 0) return 0;
+  if (pread(fd, head, sizeof head, at) != ssize_t(sizeof head) || memcmp(head, "ID3", 3) != 0) return 0;
   const int version = head[3];
   if (version != 3 && version != 4) return 0;
   // libid3tag holds the whole tag in memory in any case; this copy is gone
@@ -168,7 +170,8 @@ uint64_t declared_inflated_bytes(int fd) {
   std::vector<uint8_t> tag;
   uint8_t chunk[4096];
   for (size_t left = get_syncsafe32(head + 6); left > 0;) {
-    const ssize_t n = pread(fd, chunk, left < sizeof chunk ? left : sizeof chunk, off_t(sizeof head + tag.size()));
+    const off_t from = at + off_t(sizeof head + tag.size());
+    const ssize_t n = pread(fd, chunk, left < sizeof chunk ? left : sizeof chunk, from);
     if (n <= 0) break;
     tag.insert(tag.end(), chunk, chunk + n);
     left -= size_t(n);
@@ -195,6 +198,30 @@ uint64_t declared_inflated_bytes(int fd) {
       total += version == 3 ? get_be32(frame + 10) : get_syncsafe32(frame + 10);
     if (size > tag.size() - pos - 10) break;
     pos += 10 + size;
+  }
+  return total;
+}
+
+// libid3tag reads the tag at the start of the file and also one found from
+// its end through a v2.4 footer, before an ID3v1 tag or without one; their
+// frames are merged, so what they declare adds up.
+uint64_t declared_inflated_bytes(int fd) {
+  uint64_t total = tag_inflated_bytes(fd, 0);
+  struct stat64 st;
+  if (fstat64(fd, &st) != 0) return total;
+  const off_t size = st.st_size;
+  uint8_t v1[3];
+  const bool has_v1 = size >= 128 && pread(fd, v1, sizeof v1, size - 128) == ssize_t(sizeof v1) &&
+                      memcmp(v1, "TAG", 3) == 0;
+  for (const off_t end : {size, has_v1 ? size - 128 : off_t(-1)}) {
+    uint8_t footer[10];
+    const off_t from = end - off_t(sizeof footer);
+    if (from < 0 || pread(fd, footer, sizeof footer, from) != ssize_t(sizeof footer) ||
+        memcmp(footer, "3DI", 3) != 0 || footer[3] != 4)
+      continue;
+    // The footer repeats the header's size; the header is that far before it.
+    const off_t at = from - off_t(get_syncsafe32(footer + 6)) - 10;
+    if (at > 0) total += tag_inflated_bytes(fd, at);
   }
   return total;
 }

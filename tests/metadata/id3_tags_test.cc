@@ -421,6 +421,21 @@ std::string V23Text(const char* id, const std::string& text) {
   return id + Be32(uint32_t(1 + text.size())) + std::string("\0\0", 2) + std::string(1, '\0') + text;
 }
 
+// One MPEG audio frame, then an ID3v2.4 tag of the given frames found
+// through its footer, then an ID3v1 tag when asked.
+std::string FooterTagFile(const std::vector<std::string>& frames, bool v1) {
+  std::string body;
+  for (const std::string& f : frames) body += f;
+  const std::string size = Syncsafe(uint32_t(body.size()));
+  std::string out = "\xff\xfb\x90\x64" + std::string(413, '\0');
+  out += std::string("ID3\x04\0\x10", 6) + size + body + std::string("3DI\x04\0\x10", 6) + size;
+  if (v1) out += "TAG" + std::string(125, '\0');
+  return out;
+}
+std::string V24Compressed(const char* id, uint32_t declared, const std::string& data) {
+  return id + Syncsafe(uint32_t(4 + data.size())) + std::string("\0\x09", 2) + Syncsafe(declared) + data;
+}
+
 struct InflateCase {
   const char* name;
   std::string file;
@@ -447,6 +462,10 @@ TEST_F(Id3Reader, CompressedFramesKeepTheirOutcomeWithinBound) {
        TagFile(4, {"TPE1" + Syncsafe(7) + std::string("\0\0\0Artist", 9),
                    "TALB" + Syncsafe(8) + std::string("\0\x09", 2) + Syncsafe(0x0FFFFFFF) + "abcd"}),
        "<null>", "<null>"},
+      {"footer_tag_small_title_read", FooterTagFile({V24Compressed("TIT2", 17, kDeflatedTitle)}, false),
+       "Compressed title", "<null>"},
+      {"footer_tag_before_id3v1_read", FooterTagFile({V24Compressed("TIT2", 17, kDeflatedTitle)}, true),
+       "Compressed title", "<null>"},
   };
   for (const InflateCase& c : cases) {
     stub_.Write(c.name, c.file);
