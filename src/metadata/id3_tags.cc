@@ -150,6 +150,10 @@ void replace_text(char** field, bool* set_here, char* text) {
 // can ask for 4 GiB, and a few megabytes of compressed zeros really fill
 // gigabytes. A tag declaring more than this in all is not handed to it.
 constexpr uint64_t kMaxInflatedBytes = 1u << 20;
+// libid3tag also reads a tag whole into memory, and parses each frame into a
+// copy of its own: a sparse file of a few KiB on disk can declare a 256 MiB
+// tag. Cover pictures stay well below this.
+constexpr uint32_t kMaxTagBytes = 8u << 20;
 
 uint32_t get_syncsafe32(const uint8_t* p) {
   return uint32_t(p[0] & 0x7F) << 21 | uint32_t(p[1] & 0x7F) << 14 | uint32_t(p[2] & 0x7F) << 7 | (p[3] & 0x7F);
@@ -159,17 +163,20 @@ uint32_t get_syncsafe32(const uint8_t* p) {
 // `at` declare once inflated (read with pread, the descriptor's offset stays),
 // counted the way libid3tag reads them (v2.3: the tag de-unsynchronised
 // first, a 4-byte size ahead of the data; v2.4: the data length indicator).
-// Counting stops past the limit. 0 where no such tag starts.
+// Counting stops past the limit; a tag too large to read at all counts as
+// past it. 0 where no such tag starts.
 uint64_t tag_inflated_bytes(int fd, off_t at) {
   uint8_t head[10];
   if (pread(fd, head, sizeof head, at) != ssize_t(sizeof head) || memcmp(head, "ID3", 3) != 0) return 0;
   const int version = head[3];
   if (version != 3 && version != 4) return 0;
+  const uint32_t declared = get_syncsafe32(head + 6);
+  if (declared > kMaxTagBytes) return kMaxInflatedBytes + 1;
   // libid3tag holds the whole tag in memory in any case; this copy is gone
   // before it reads it. A size past the end of the file reads what is there.
   std::vector<uint8_t> tag;
   uint8_t chunk[4096];
-  for (size_t left = get_syncsafe32(head + 6); left > 0;) {
+  for (size_t left = declared; left > 0;) {
     const off_t from = at + off_t(sizeof head + tag.size());
     const ssize_t n = pread(fd, chunk, left < sizeof chunk ? left : sizeof chunk, from);
     if (n <= 0) break;
@@ -302,6 +309,7 @@ int scan_get_mp3tags(const char* path, MusicFileInfo* info) {
   const int fd = open_regular(path);
   // A tag declaring too much reads as libid3tag reads one whose compressed
   // frame does not inflate to its declared size: as a tag without frames.
+  // So does a tag too large to read.
   const bool too_much = fd >= 0 && declared_inflated_bytes(fd) > kMaxInflatedBytes;
   // On success the tag file owns the descriptor; otherwise it is still ours.
   struct id3_file* file = fd >= 0 && !too_much ? id3_file_fdopen(fd, ID3_FILE_MODE_READONLY) : nullptr;

@@ -4,6 +4,8 @@
 #include <id3tag.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -11,6 +13,7 @@
 #include "../fd_capture.h"
 #include "../platform/stub_program.h"
 #include "log/err_log.h"
+#include "platform/holders.h"
 
 namespace {
 
@@ -474,6 +477,37 @@ TEST_F(Id3Reader, CompressedFramesKeepTheirOutcomeWithinBound) {
     EXPECT_EQ(scan_get_mp3tags(stub_.File(c.name).c_str(), &info_), 0) << c.name;
     EXPECT_EQ(Text(info_.title), c.title) << c.name;
     EXPECT_EQ(Text(info_.artist), c.artist) << c.name;
+  }
+}
+
+long PeakRssKib() {
+  struct rusage ru;
+  getrusage(RUSAGE_SELF, &ru);
+  return ru.ru_maxrss;
+}
+
+// libid3tag reads a tag whole; a sparse file that costs nothing on disk can
+// declare 256 MiB of tag. Past 8 MiB a tag reads as one without frames.
+TEST_F(Id3Reader, TagTooLargeToReadHasNoFrames) {
+  const struct {
+    uint32_t declared;
+    const char* title;
+  } cases[] = {{8u << 20, "Title!"}, {(8u << 20) + 1, "<null>"}, {0x0FFFFFFF, "<null>"}};
+  for (const auto& c : cases) {
+    const std::string path = stub_.File("sparse.mp3");
+    {
+      UniqueFile f(fopen(path.c_str(), "wb"));
+      ASSERT_TRUE(f);
+      const std::string head = "ID3" + std::string("\x03\0\0", 3) + Syncsafe(c.declared) + V23Text("TIT2", "Title!");
+      ASSERT_EQ(fwrite(head.data(), 1, head.size(), f.get()), head.size());
+      ASSERT_EQ(ftruncate(fileno(f.get()), off_t(c.declared) + (1 << 20)), 0);
+    }
+    Clear();
+    info_.type = strdup("mp3");
+    const long before = PeakRssKib();
+    EXPECT_EQ(scan_get_mp3tags(path.c_str(), &info_), 0) << c.declared;
+    EXPECT_LT(PeakRssKib() - before, 32 * 1024) << c.declared;
+    EXPECT_EQ(Text(info_.title), c.title) << c.declared;
   }
 }
 
