@@ -168,10 +168,11 @@ uint32_t get_syncsafe32(const uint8_t* p) {
 uint64_t tag_inflated_bytes(int fd, off_t at) {
   uint8_t head[10];
   if (pread(fd, head, sizeof head, at) != ssize_t(sizeof head) || memcmp(head, "ID3", 3) != 0) return 0;
-  const int version = head[3];
-  if (version != 3 && version != 4) return 0;
+  // Whatever the version: libid3tag reads a v2.2 tag whole as well.
   const uint32_t declared = get_syncsafe32(head + 6);
   if (declared > kMaxTagBytes) return kMaxInflatedBytes + 1;
+  const int version = head[3];
+  if (version != 3 && version != 4) return 0;
   // libid3tag holds the whole tag in memory in any case; this copy is gone
   // before it reads it. A size past the end of the file reads what is there.
   std::vector<uint8_t> tag;
