@@ -506,7 +506,8 @@ TEST_F(Id3Reader, TagTooLargeToReadHasNoFrames) {
     {
       UniqueFile f(fopen(path.c_str(), "wb"));
       ASSERT_TRUE(f);
-      const std::string head = "ID3" + std::string(1, c.version) + std::string("\0\0", 2) + Syncsafe(c.declared) + c.frame;
+      const std::string head =
+          "ID3" + std::string(1, c.version) + std::string("\0\0", 2) + Syncsafe(c.declared) + c.frame;
       ASSERT_EQ(fwrite(head.data(), 1, head.size(), f.get()), head.size());
       ASSERT_EQ(ftruncate(fileno(f.get()), off_t(c.declared) + (1 << 20)), 0);
     }
