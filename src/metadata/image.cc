@@ -82,6 +82,21 @@ bool take_jpeg_frame(const uint8_t* p, ImageInfo* info) {
   return p[1] == 0xC2;  // progressive: its values stand; baseline: a later one overrides
 }
 
+// Zeros never start a frame header. So of a hole in a sparse file only its
+// last kJpegLookahead zeros are read: a header that begins just before the
+// hole reaches into them as it would into its first ones. The rest of the
+// hole is stepped over, with the same result as reading every zero of it.
+void skip_hole(FILE* f, off_t size, uint64_t* data_left) {
+  if (*data_left < 2 * kJpegScanChunk) return;
+  const off_t at = ftello(f);
+  if (at < 0) return;
+  const off_t data = next_data(f, at, size);
+  const off_t skip = data - at - static_cast<off_t>(kJpegLookahead);
+  if (skip < static_cast<off_t>(kJpegScanChunk) || uint64_t(skip) > *data_left) return;
+  if (fseeko(f, at + skip, SEEK_SET) != 0) return;
+  *data_left -= uint64_t(skip);
+}
+
 // The frame header is looked for in the bytes from offset 10 on (the
 // dispatch has already consumed the first 10), followed by 10 zero bytes, as
 // if the whole file from offset 10 had been read into a buffer of the file's
@@ -105,6 +120,7 @@ void read_jpeg(ImageInfo* info) {
   uint8_t* const window = holder.get();
   size_t have = 0;
   for (;;) {
+    skip_hole(info->file, size, &data_left);
     size_t room = kWindowSize - have;
     while (room > 0 && data_left > 0) {
       const size_t want = data_left < room ? size_t(data_left) : room;

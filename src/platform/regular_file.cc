@@ -32,3 +32,16 @@ FILE* fopen_regular(const char* path) {
   }
   return f;
 }
+
+off_t next_data(FILE* f, off_t from, off_t size) {
+  const int fd = fileno(f);
+  // SEEK_DATA moves the descriptor; stdio keeps its own idea of where the
+  // descriptor is, so it is put back before anyone reads.
+  const off_t kept = lseek(fd, 0, SEEK_CUR);
+  if (kept < 0) return from;
+  const off_t data = lseek(fd, from, SEEK_DATA);
+  const int err = errno;
+  if (lseek(fd, kept, SEEK_SET) != kept) return from;
+  if (data >= from) return data;
+  return data < 0 && err == ENXIO ? (size > from ? size : from) : from;
+}

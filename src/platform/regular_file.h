@@ -20,4 +20,11 @@ int open_regular(const char* path);
 // The same as a stdio stream for reading; nullptr on failure.
 FILE* fopen_regular(const char* path);
 
+// A sparse file of terabytes costs its writer no disk, and the readers that
+// search a file to its end would read every zero of it. They ask this where
+// the next bytes that may be data begin: the first offset at or after from
+// that is not in a hole, size when a hole runs to the end, and from itself
+// when the file system cannot tell. The stream's position is left as it was.
+off_t next_data(FILE* f, off_t from, off_t size);
+
 #endif  // MEDIAWALK_PLATFORM_REGULAR_FILE_H_

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "../sparse_file.h"
 #include "platform/text.h"
 
 namespace {
@@ -387,6 +388,56 @@ TEST_F(ImageFiles, JpegScanAgreesWithWholeFileBuffer) {
     EXPECT_EQ(m.info.height, h) << round;
     EXPECT_EQ(m.info.depth, d) << round;
   }
+}
+
+// A hole of a sparse file reads as zeros. The scan steps over it and must give
+// what the same file with its zeros written out gives: a header behind the
+// hole, one cut short by the hole (its tail read as zeros), one at the end.
+TEST_F(ImageFiles, JpegHoleReadsLikeWrittenZeros) {
+  const off_t mib = off_t(1) << 20;
+  const Bytes thumbnail = frame(kBaseline, 1, 2, 3), picture = frame(kBaseline, 700, 900, 3);
+  const Bytes cut = {0xFF, kProgressive, 0x00, 0x11, 8, 0x01};
+  const struct {
+    const char* name;
+    Pieces pieces;
+    int32_t width;
+  } cases[] = {
+      {"behind_the_hole", {{0, kJpegHead + thumbnail}, {3 * mib + 5, picture}}, 900},
+      {"cut_by_the_hole", {{0, kJpegHead}, {mib - 6, cut}, {3 * mib, picture}}, 0},
+      {"at_the_end", {{0, kJpegHead + thumbnail}, {4 * mib - 10, picture}}, 900},
+      {"hole_to_the_end", {{0, kJpegHead + thumbnail}}, 2},
+  };
+  const std::string path = dir_ + "/sparse.jpg";
+  files_.push_back(path);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Measured m[2];
+    for (const bool dense : {false, true}) {
+      ASSERT_TRUE(write_pieces(path, 4 * mib, c.pieces, dense));
+      m[dense] = measure(path);
+    }
+    EXPECT_EQ(m[0].info.width, c.width);
+    EXPECT_EQ(m[0].result, m[1].result);
+    EXPECT_EQ(m[0].out, m[1].out);
+    EXPECT_EQ(m[0].info.width, m[1].info.width);
+    EXPECT_EQ(m[0].info.height, m[1].info.height);
+    EXPECT_EQ(m[0].info.depth, m[1].info.depth);
+    EXPECT_EQ(m[0].info.file_size, m[1].info.file_size);
+  }
+}
+
+// Its last baseline header counts, so a JPEG is searched to its end; 16 GiB of
+// hole behind the first bytes are not read for that.
+TEST_F(ImageFiles, JpegHoleToTheEndIsNotRead) {
+  const std::string path = dir_ + "/huge.jpg";
+  files_.push_back(path);
+  ASSERT_TRUE(write_pieces(path, off_t(16) << 30, {{0, kJpegHead + frame(kBaseline, 1, 2, 3)}}, false));
+  const long long before = bytes_read_so_far();
+  ASSERT_GE(before, 0) << "no read count in /proc/self/io";
+  const Measured m = measure(path);
+  EXPECT_LT(bytes_read_so_far() - before, 1 << 20);
+  EXPECT_EQ(m.info.width, 2);
+  EXPECT_EQ(m.info.file_size, UINT32_MAX);
 }
 
 // ---------------------------------------------------------------------------

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "../sparse_file.h"
 #include "log/err_log.h"
 
 namespace {
@@ -614,6 +615,50 @@ TEST_F(Mp3File, EncodedVbrAveragesTheMiddle) {
   EXPECT_EQ(info_.bitrate, 192);
   EXPECT_EQ(info_.sample_rate, 44100);
   EXPECT_EQ(info_.song_length, int(file_size_of(path) * 8.0 / 192));
+}
+
+// A hole of a sparse file reads as zeros. The reader steps over it, so the
+// result must be the one the same file with its zeros written out gives,
+// wherever behind the hole the first frame begins (the search steps 975
+// bytes a block); only the debug lines would show the skipped blocks, and
+// with them on nothing is skipped.
+TEST_F(Mp3File, HoleReadsLikeWrittenZeros) {
+  Bytes frames;
+  add_frames(&frames, k128, 5);
+  const off_t mib = off_t(1) << 20;
+  for (const off_t start : {mib, mib + 974, mib + 975, 3 * mib + 1023, 3 * mib + 4096 + 1}) {
+    SCOPED_TRACE(start);
+    std::string out[2];
+    MusicFileInfo got[2];
+    for (const bool dense : {false, true}) {
+      ASSERT_TRUE(write_pieces(path_, start + off_t(frames.size()), {{start, frames}}, dense));
+      reset_record();
+      testing::internal::CaptureStdout();
+      EXPECT_EQ(scan_get_mp3fileinfo(path_.c_str(), &info_), 0);
+      out[dense] = testing::internal::GetCapturedStdout();
+      got[dense] = info_;
+    }
+    EXPECT_EQ(got[0].bitrate, 128);
+    EXPECT_EQ(out[0], out[1]);
+    EXPECT_EQ(got[0].bitrate, got[1].bitrate);
+    EXPECT_EQ(got[0].sample_rate, got[1].sample_rate);
+    EXPECT_EQ(got[0].song_length, got[1].song_length);
+    EXPECT_EQ(got[0].file_size, got[1].file_size);
+  }
+}
+
+// 16 GiB of hole costs its writer nothing; reading it would take minutes on
+// the appliance. The search reaches the end without reading it.
+TEST_F(Mp3File, HoleToTheEndIsNotRead) {
+  const off_t size = off_t(16) << 30;
+  ASSERT_TRUE(write_pieces(path_, size, {}, false));
+  const long long before = bytes_read_so_far();
+  ASSERT_GE(before, 0) << "no read count in /proc/self/io";
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(scan_get_mp3fileinfo(path_.c_str(), &info_), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Short read: " + path_ + "\n");
+  EXPECT_LT(bytes_read_so_far() - before, 1 << 20);
+  expect_audio_untouched();
 }
 
 }  // namespace
