@@ -264,8 +264,12 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
   // the search ends at the latest with the short read at the end of the file.
   size_t index = 0;
   bool found = false;
+  // Holes are asked for only behind a block of nothing but zeros, so an
+  // ordinary file searched block by block costs no extra system calls.
+  bool zero_block = false;
   while (!found) {
-    if (!tag_skipped && err_log_level() < 9) offset = past_zero_blocks(f, offset, file_size);
+    if (zero_block && !tag_skipped && err_log_level() < 9) offset = past_zero_blocks(f, offset, file_size);
+    zero_block = false;
     err_log(9, kLogModuleScan, "Reading in new block at %d\n", static_cast<int>(offset));
     if (!read_at(f, offset, block, sizeof block)) {
       printf("Short read: %s\n", path);
@@ -287,6 +291,7 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
       if (index > kLastSyncIndex) {
         err_log(9, kLogModuleScan, "Block exhausted\n");
         offset += static_cast<off_t>(index);
+        zero_block = block[0] == 0 && memcmp(block, block + 1, sizeof block - 1) == 0;
         break;
       }
 
