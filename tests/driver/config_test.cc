@@ -41,10 +41,10 @@ class ConfigFile : public ::testing::Test {
 };
 
 TEST_F(ConfigFile, ReadsTheFourKeys) {
-  write("sharepath=/mnt/HD_a2/share/\nmntpath=/mnt/HD_a2/\nsd_status=active\nsharename=Music\n");
+  write("sharepath=/mnt/vol1/Media/\nmntpath=/mnt/vol1/\nsd_status=active\nsharename=Music\n");
   EXPECT_EQ(read_config(), 0);
-  EXPECT_STREQ(cdata_.sharepath, "/mnt/HD_a2/share/");
-  EXPECT_STREQ(cdata_.mntpath, "/mnt/HD_a2/");
+  EXPECT_STREQ(cdata_.sharepath, "/mnt/vol1/Media/");
+  EXPECT_STREQ(cdata_.mntpath, "/mnt/vol1/");
   EXPECT_STREQ(cdata_.sd_status, "active");
   EXPECT_STREQ(cdata_.sharename, "Music");
   EXPECT_EQ(out_, "");
@@ -131,8 +131,8 @@ TEST_F(ConfigFile, ShareFolderReader) {
     const char* file;
     const char* expected;
   } cases[] = {
-      {"x=1\nShareFolder:/mnt/HD_a2/share\n", "/mnt/HD_a2/share/"},
-      {"ShareFolder:/mnt/HD_a2/share/\n", "/mnt/HD_a2/share/"},
+      {"x=1\nShareFolder:/mnt/vol1/Media\n", "/mnt/vol1/Media/"},
+      {"ShareFolder:/mnt/vol1/Media/\n", "/mnt/vol1/Media/"},
       {"  ShareFolder:/a\n", "/a/"},
       {"ShareFolder:\n", "/"},
       {"nothing here\n", "untouched"},
