@@ -3,7 +3,7 @@
 
     make_share.py --files N [--seed S] OUT
 
-Makes OUT/HD_a2/ with exactly N files (every one its own directory entry) and OUT/seeds/, the
+Makes OUT/Media_1/ with exactly N files (every one its own directory entry) and OUT/seeds/, the
 sources of the hard-linked ones. The same N and seed give the same tree, names, bytes and times.
 
 Shape, the same at every size (only the number of artists, albums, events and films grows):
@@ -120,8 +120,8 @@ class Share:
     def __init__(self, out, n_files, seed):
         self.rng = random.Random(seed)
         self.names = Names(self.rng)
-        # Named like the appliance's first disk: a "_" in every path, as there.
-        self.root = os.path.join(out, "HD_a2")
+        # A "_" in every path: a LIKE wildcard the folder flags must not trip on.
+        self.root = os.path.join(out, "Media_1")
         self.seed_dir = os.path.join(out, "seeds")
         self.n_files = n_files
         self.made = 0

@@ -47,7 +47,7 @@ def make_share(work, size, seed):
     generator = os.path.join(HERE, "make_share.py")
     version = str(os.stat(generator).st_mtime_ns)
     if os.path.exists(stamp) and open(stamp).read() == version:
-        return os.path.join(folder, "HD_a2") + "/"
+        return os.path.join(folder, "Media_1") + "/"
     if os.path.exists(folder):
         shutil.rmtree(folder)
     os.makedirs(os.path.dirname(folder), exist_ok=True)
@@ -57,7 +57,7 @@ def make_share(work, size, seed):
     with open(stamp, "w") as f:
         f.write(version)
     print("  made the %d-file share in %.1f s" % (size, time.monotonic() - started), flush=True)
-    return os.path.join(folder, "HD_a2") + "/"
+    return os.path.join(folder, "Media_1") + "/"
 
 
 # A child of this Python process starts with Python's own peak in its ru_maxrss (fork and exec

@@ -413,8 +413,8 @@ class PlaylistTarget : public Target {
         if (comma == std::string::npos || comma == at) return format("PlsFile of %d is [%s]", no, list.c_str());
         const int song = atoi(list.substr(at, comma - at).c_str());
         // A line that closes the quoted name may widen the look-up to other
-        // rows (the statement is composed as designed), but it can only ever
-        // name a row that exists.
+        // rows (the line goes into the statement as it is), but it can only
+        // ever name a row that exists.
         if (list.find_first_not_of("0123456789", at) != comma || !((song >= 1 && song <= 8) || song == kM3uNo || song == kPlsNo))
           return format("PlsFile of %d names [%s]", no, list.c_str());
         at = comma + 1;

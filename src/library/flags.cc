@@ -84,9 +84,9 @@ bool folder_media(const char* path, MediaFlags* flags) {
 // path of the run is put to SQLite's own LIKE matcher.
 //
 // Every path begins with the share folder, whose name may well hold a "_"
-// ("/mnt/HD_a2/"). Where pattern and path share their first bytes, a "_" in
-// them only ever meets itself, so such a "_" does not end the literal part:
-// otherwise every folder would fall to the run of all paths.
+// ("/mnt/vol1/Media_1/"). Where pattern and path share their first bytes, a
+// "_" in them only ever meets itself, so such a "_" does not end the literal
+// part: otherwise every folder would fall to the run of all paths.
 class PathIndex {
  public:
   static std::string key(const char* text, size_t len) {

@@ -153,53 +153,82 @@ void skip_hole_lines(FILE* f) {
   if (pieces > 0) (void)fseeko(f, at + pieces * kPiece, SEEK_SET);
 }
 
-void read_m3u(FILE* f, Playlist* pl) {
+// Turns the m3u line just read into the entry to look up, reading the entry's
+// own line after an "#EXTINF:" line. Returns the messages of the look-up, or
+// null when the line names no song.
+const LookupMessages* m3u_entry(FILE* f, char* line) {
+  cut_line_end(line);
+  if (strncmp(line, "#EXTINF:", 8) != 0) {
+    if (!strstr(line, ".mp3") && !strstr(line, ".MP3")) return nullptr;
+    if (strchr(line, '\\')) return nullptr;
+    return &kM3uPlain;
+  }
+  // The entry follows its "#EXTINF:" line. The buffer is not cleared, so when
+  // no line follows the "#EXTINF:" text itself is looked up.
+  (void)fgets(line, kLineSize, f);
+  strip_windows_dirs(line);
+  cut_line_end(line);
+  return &kM3uExtinf;
+}
+
+// The same for a pls line: only "File...=" lines name a song, by the text
+// after the first "=".
+const LookupMessages* pls_entry(FILE*, char* line) {
+  if (strncmp(line, "File", 4) != 0) return nullptr;
+  const char* eq = strchr(line, '=');
+  if (!eq) return nullptr;
+  memmove(line, eq + 1, strlen(eq + 1) + 1);
+  cut_line_end(line);
+  return &kPls;
+}
+
+// What sets the two kinds of playlist apart.
+struct PlaylistKind {
+  const char* select;        // the playlist rows of this kind
+  const char* select_error;  // printed as a line when that query fails
+  const LookupMessages* (*entry)(FILE* f, char* line);
+  // The look-ups of an m3u playlist run between "BEGIN;" and "COMMIT;". The
+  // driver's transaction is still open when the first one gets here: its
+  // BEGIN fails and its COMMIT commits the walk's rows, and every statement
+  // after it runs in autocommit mode. Neither result is checked.
+  bool framed;
+  // The UPDATE that stores the song list (%s) for the playlist's No (%d):
+  // m3u quotes the list with double quotes, pls with single ones.
+  const char* update;
+  const char* update_error;  // printf format, with zErrMsg
+};
+
+constexpr PlaylistKind kM3uKind = {
+    "select No,Real_Path,Real_fname from music_tbl where EXT_fname =='m3u';",
+    "parser_playlist():1Execute SQL query Error", m3u_entry, true,
+    "update music_tbl set PlsFile = \"%s\" where No =='%d';",
+    "1parser playlist():execute sql query error[%s]\n"};
+constexpr PlaylistKind kPlsKind = {
+    "select No,Real_Path,Real_fname from music_tbl where EXT_fname =='pls';",
+    "parser_playlist():4Execute SQL query Error", pls_entry, false,
+    "update music_tbl set PlsFile = '%s' where No =='%d';",
+    "2parser playlist():execute sql query error[%s]\n"};
+
+// Reads the playlist's lines and looks up each entry they name, until the end
+// of the file or the song limit.
+void read_entries(const PlaylistKind& kind, FILE* f, Playlist* pl) {
   char line[kLineSize];
   line[0] = 'x';
   while (more_lines(f)) {
     if (line[0] == '\0') skip_hole_lines(f);
     memset(line, 0, sizeof line);
-    // At the end the read yields the cleared buffer, which no test accepts.
+    // At the end the read yields the cleared buffer, which names no song.
     (void)fgets(line, sizeof line, f);
-    cut_line_end(line);
-    const LookupMessages* msg;
-    if (strncmp(line, "#EXTINF:", 8) != 0) {
-      if (!strstr(line, ".mp3") && !strstr(line, ".MP3")) continue;
-      if (strchr(line, '\\')) continue;
-      msg = &kM3uPlain;
-    } else {
-      // The entry follows its "#EXTINF:" line. The buffer is not cleared, so
-      // when no line follows the "#EXTINF:" text itself is looked up.
-      (void)fgets(line, sizeof line, f);
-      strip_windows_dirs(line);
-      cut_line_end(line);
-      msg = &kM3uExtinf;
-    }
-    if (look_up(pl, line, *msg) == Lookup::kStop) return;
+    const LookupMessages* msg = kind.entry(f, line);
+    if (msg && look_up(pl, line, *msg) == Lookup::kStop) return;
   }
 }
 
-void read_pls(FILE* f, Playlist* pl) {
-  char line[kLineSize];
-  line[0] = 'x';
-  while (more_lines(f)) {
-    if (line[0] == '\0') skip_hole_lines(f);
-    memset(line, 0, sizeof line);
-    (void)fgets(line, sizeof line, f);
-    if (strncmp(line, "File", 4) != 0) continue;
-    const char* eq = strchr(line, '=');
-    if (!eq) continue;
-    memmove(line, eq + 1, strlen(eq + 1) + 1);
-    cut_line_end(line);
-    if (look_up(pl, line, kPls) == Lookup::kStop) return;
-  }
-}
-
-// Pass 1. Returns false when the phase ends here.
-bool resolve_m3u() {
+// Resolves every playlist of one kind. Returns false when the phase ends here.
+bool resolve(const PlaylistKind& kind) {
   Table rows;
-  if (!sql_table("select No,Real_Path,Real_fname from music_tbl where EXT_fname =='m3u';", &rows)) {
-    puts("parser_playlist():1Execute SQL query Error");
+  if (!sql_table(kind.select, &rows)) {
+    puts(kind.select_error);
     return false;
   }
   Playlist pl;
@@ -207,41 +236,14 @@ bool resolve_m3u() {
     const int no = atoi(cell(rows, row, 0));
     UniqueFile f = open_playlist(rows, row, &pl);
     if (!f) continue;
-    // The driver's transaction is still open when the first playlist gets
-    // here: this BEGIN fails and the COMMIT below commits the walk's rows.
-    // Every statement after it runs in autocommit mode. Neither is checked.
-    (void)sql_exec("BEGIN;");
-    read_m3u(f.get(), &pl);
+    if (kind.framed) (void)sql_exec("BEGIN;");
+    read_entries(kind, f.get(), &pl);
     f.reset();
-    (void)sql_exec("COMMIT;");
+    if (kind.framed) (void)sql_exec("COMMIT;");
     char sql[kSqlSize];
-    sql_format(sql, sizeof sql, "update music_tbl set PlsFile = \"%s\" where No =='%d';", pl.songs, no);
+    sql_format(sql, sizeof sql, kind.update, pl.songs, no);
     if (!sql_exec(sql)) {
-      printf("1parser playlist():execute sql query error[%s]\n", zErrMsg);
-      return false;
-    }
-  }
-  return true;
-}
-
-// Pass 2. Returns false when the phase ends here.
-bool resolve_pls() {
-  Table rows;
-  if (!sql_table("select No,Real_Path,Real_fname from music_tbl where EXT_fname =='pls';", &rows)) {
-    puts("parser_playlist():4Execute SQL query Error");
-    return false;
-  }
-  Playlist pl;
-  for (int row = 1; row <= rows.rows; ++row) {
-    const int no = atoi(cell(rows, row, 0));
-    UniqueFile f = open_playlist(rows, row, &pl);
-    if (!f) continue;
-    read_pls(f.get(), &pl);
-    f.reset();
-    char sql[kSqlSize];
-    sql_format(sql, sizeof sql, "update music_tbl set PlsFile = '%s' where No =='%d';", pl.songs, no);
-    if (!sql_exec(sql)) {
-      printf("2parser playlist():execute sql query error[%s]\n", zErrMsg);
+      printf(kind.update_error, zErrMsg);
       return false;
     }
   }
@@ -251,7 +253,7 @@ bool resolve_pls() {
 }  // namespace
 
 int parser_playlist() {
-  if (!resolve_m3u()) return 0;
-  if (!resolve_pls()) return 0;
+  if (!resolve(kM3uKind)) return 0;
+  if (!resolve(kPlsKind)) return 0;
   return 1;
 }

@@ -3,7 +3,7 @@
 // Every statement of the scan is composed with printf-style formats and run
 // through here. A text that holds more than one statement (a file name, tag or
 // playlist line that closed a quoted value and appended ";...") runs nothing
-// and fails with an error text, so the caller's designed failure path follows.
+// and fails with an error text, so the caller takes its usual failure path.
 #ifndef MEDIAWALK_LIBRARY_SQL_H_
 #define MEDIAWALK_LIBRARY_SQL_H_
 

@@ -1,61 +1,28 @@
 #include "driver/config.h"
 
 #include <gtest/gtest.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <string>
+
+#include "../temp_tree.h"
 
 namespace {
 
 // A config file in a private temp folder, removed with the fixture.
 class ConfigFile : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/mw_config_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    path_ = dir_ + "/upnpav.conf";
-    memset(&cdata_, 0, sizeof cdata_);
-  }
-  void TearDown() override {
-    unlink(path_.c_str());
-    rmdir(dir_.c_str());
-  }
-  void write(const std::string& bytes) {
-    FILE* f = fopen(path_.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    fwrite(bytes.data(), 1, bytes.size(), f);
-    fclose(f);
-  }
+  void write(const std::string& bytes) { tree_.file("upnpav.conf", bytes); }
   int read_config() {
     testing::internal::CaptureStdout();
     const int rc = readconfig_file(path_.c_str(), "mediawalk", &cdata_);
     out_ = testing::internal::GetCapturedStdout();
     return rc;
   }
-  std::string dir_, path_, out_;
-  ConfigData cdata_;
+  TempTree tree_;
+  std::string path_ = tree_.root() + "upnpav.conf", out_;
+  ConfigData cdata_{};
 };
-
-TEST_F(ConfigFile, ReadsTheFourKeys) {
-  write("sharepath=/mnt/HD_a2/share/\nmntpath=/mnt/HD_a2/\nsd_status=active\nsharename=Music\n");
-  EXPECT_EQ(read_config(), 0);
-  EXPECT_STREQ(cdata_.sharepath, "/mnt/HD_a2/share/");
-  EXPECT_STREQ(cdata_.mntpath, "/mnt/HD_a2/");
-  EXPECT_STREQ(cdata_.sd_status, "active");
-  EXPECT_STREQ(cdata_.sharename, "Music");
-  EXPECT_EQ(out_, "");
-}
-
-TEST_F(ConfigFile, LastLineWithoutNewlineIsLost) {
-  write("sharepath=/a/\nsd_status=inactive");
-  EXPECT_EQ(read_config(), 0);
-  EXPECT_STREQ(cdata_.sharepath, "/a/");
-  EXPECT_STREQ(cdata_.sd_status, "");
-}
 
 TEST_F(ConfigFile, LineOf512BytesEndsTheParse) {
   write("sharepath=/kept/\n" + std::string(512, 'x') + "\nmntpath=/never/\n");
@@ -73,13 +40,19 @@ TEST_F(ConfigFile, LineOf511BytesIsRead) {
   EXPECT_EQ(std::string(cdata_.sharename), value.substr(0, 255));
 }
 
-TEST_F(ConfigFile, QuirksOfTheValuePointer) {
+// What each file yields, quirks of the value pointer included.
+TEST_F(ConfigFile, ReadsTheKeys) {
   struct Case {
     const char* file;
     const char* sharepath;
     const char* mntpath;
     const char* sd_status;
+    const char* sharename = "";
   } cases[] = {
+      {"sharepath=/mnt/vol1/Media/\nmntpath=/mnt/vol1/\nsd_status=active\nsharename=Music\n", "/mnt/vol1/Media/",
+       "/mnt/vol1/", "active", "Music"},
+      // A last line without a newline is lost.
+      {"sharepath=/a/\nsd_status=inactive", "/a/", "", ""},
       // Carriage returns are kept: a CRLF "inactive" does not stop a scan.
       {"sd_status=inactive\r\n", "", "", "inactive\r"},
       // Empty value.
@@ -102,6 +75,8 @@ TEST_F(ConfigFile, QuirksOfTheValuePointer) {
     EXPECT_STREQ(cdata_.sharepath, c.sharepath);
     EXPECT_STREQ(cdata_.mntpath, c.mntpath);
     EXPECT_STREQ(cdata_.sd_status, c.sd_status);
+    EXPECT_STREQ(cdata_.sharename, c.sharename);
+    EXPECT_EQ(out_, "");
   }
 }
 
@@ -131,8 +106,8 @@ TEST_F(ConfigFile, ShareFolderReader) {
     const char* file;
     const char* expected;
   } cases[] = {
-      {"x=1\nShareFolder:/mnt/HD_a2/share\n", "/mnt/HD_a2/share/"},
-      {"ShareFolder:/mnt/HD_a2/share/\n", "/mnt/HD_a2/share/"},
+      {"x=1\nShareFolder:/mnt/vol1/Media\n", "/mnt/vol1/Media/"},
+      {"ShareFolder:/mnt/vol1/Media/\n", "/mnt/vol1/Media/"},
       {"  ShareFolder:/a\n", "/a/"},
       {"ShareFolder:\n", "/"},
       {"nothing here\n", "untouched"},

@@ -1,8 +1,8 @@
 """End-to-end runs over shares written by an attacker: names, tags and playlist lines that try to
 close their quoted value and run a second statement, shell text for the detector, special files,
 files swapped or removed while the scan runs, huge and truncated files, unreadable entries, and a
-SIGTERM in the middle of the walk. Each run must end normally with the designed outcome for every
-such input: a failed statement, a skipped file or a default value, and nothing more."""
+SIGTERM in the middle of the walk. Each run must end normally with the program's usual outcome for
+every such input: a failed statement, a skipped file or a default value, and nothing more."""
 
 import os
 import re
@@ -126,7 +126,7 @@ class InjectedTexts(HostileCase):
     """Names, tags and playlist lines crafted against every statement the scan composes."""
 
     def build_share(self):
-        """Creates the share; returns {table: {(folder, name)}} of the rows the design writes."""
+        """Creates the share; returns {table: {(folder, name)}} of the rows the scan must write."""
         sb = self.sb
         share = sb.share
         expected = {"music_tbl": set(), "photo_tbl": set(), "video_tbl": set()}
@@ -252,7 +252,7 @@ class InjectedTexts(HostileCase):
         out = res.stdout
         share = sb.share.encode()
 
-        # Exactly the rows the design writes, for every table.
+        # Exactly the rows the scan must write, for every table.
         for table, want in expected.items():
             with self.subTest(table):
                 self.assertEqual(self.items(table), want)
@@ -275,7 +275,7 @@ class InjectedTexts(HostileCase):
         self.assertIn(b"$(touch canary1)`touch canary2`'; touch canary3; '\"; touch canary4; \"", sb.detector_calls())
         self.assertIn((b"t'); DROP TABLE music_tbl; --" + b"x" * 20,), sb.rows("music_tbl", columns="Title"))
 
-        # Playlists: the crafted lines fail their look-up, the others resolve as designed.
+        # Playlists: the crafted lines fail their look-up, the others resolve to their songs.
         no = dict((n, v) for v, n in sb.rows("music_tbl", columns="No, Real_fname"))
         pls = dict(sb.query("select Real_Path || Real_fname, PlsFile from music_tbl where EXT_fname in ('m3u','pls')"))
         self.assertEqual(pls[share + b"list.m3u"], no[b"shell.mp3"] + b"," + no[b"title.mp3"] + b",")

@@ -101,8 +101,8 @@ class ByteIdentity(SandboxTestCase):
             raise AssertionError("no literal build at %s (build the mediawalk_literal target)" % LITERAL_BIN)
         sb = self.sb
         sb.write_codepage("cp850\n")
-        # As on the appliance, the share's own name holds a "_", a LIKE wildcard.
-        share = os.fsencode(sb.share_path("HD_a2/"))
+        # The share's own name holds a "_", a LIKE wildcard.
+        share = os.fsencode(sb.share_path("Media_1/"))
         sb.conf(sharepath=os.fsdecode(share))
         build_share(share)
         # The one line that follows the clock.

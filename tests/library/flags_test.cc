@@ -80,7 +80,7 @@ TEST_F(FolderFlags, EmptyFolderTableRunsNoOtherStatement) {
 // wildcards in the share folder's own name, which every path begins with.
 class FolderFlagsLike : public FolderFlags, public ::testing::WithParamInterface<const char*> {};
 
-INSTANTIATE_TEST_SUITE_P(ShareNames, FolderFlagsLike, ::testing::Values("", "HD_a2/", "a_b%/", "x%y_/z/"));
+INSTANTIATE_TEST_SUITE_P(ShareNames, FolderFlagsLike, ::testing::Values("", "Media_1/", "a_b%/", "x%y_/z/"));
 
 TEST_P(FolderFlagsLike, IndexAgreesWithTheLikeCounts) {
   const std::string s = dir_ + GetParam();

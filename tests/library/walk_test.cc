@@ -280,7 +280,7 @@ TEST_F(Walk, EntriesAreAdmittedByTypeNameAndExtension) {
   EXPECT_EQ(count_files(root), static_cast<int32_t>(admitted.size()));
 }
 
-TEST_F(Walk, RowsCarryTheDesignedColumns) {
+TEST_F(Walk, RowsOfFilesWithoutMetadataHoldEveryColumn) {
   tree.file("x.Wma", "abc");
   tree.file("L.pls", "12");
   tree.file("s.srt", "1");
