@@ -11,10 +11,6 @@
 #include "platform/holders.h"
 #include "platform/xmldb.h"
 
-std::atomic<int32_t> total_file_cnt{0};
-std::atomic<int32_t> total_scan_cnt{0};
-std::atomic<int32_t> scan_finished{0};
-
 namespace {
 
 // Folder path plus entry name must stay below this many bytes, as in the walk.

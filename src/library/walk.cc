@@ -13,9 +13,9 @@
 #include <string>
 #include <unordered_map>
 
-#include "driver/progress.h"
 #include "library/media_types.h"
 #include "library/objid.h"
+#include "library/progress_counters.h"
 #include "library/schema.h"
 #include "library/sql.h"
 #include "metadata/id3_tags.h"
