@@ -7,16 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "library/media_types.h"
+#include "library/entry_rule.h"
 #include "platform/holders.h"
 #include "platform/xmldb.h"
 
 namespace {
 
-// Folder path plus entry name must stay below this many bytes, as in the walk.
-constexpr size_t kPathLimit = 512;
-// An extension of this many bytes or more after the last dot is not counted.
-constexpr size_t kExtLimit = 6;
 constexpr unsigned kPublishPeriodSeconds = 3;
 
 std::atomic<ProgressPublisher> publisher{nullptr};
@@ -58,12 +54,13 @@ int32_t Cnt_total_file(const char* path, DIR* dir) {
       printf("<Cnt_total_file>Cnt_total_file(): file path too long %d\n", static_cast<int>(sum));
       continue;
     }
-    if (name[0] == '.') continue;
-    if (S_ISLNK(st.st_mode)) {
+    MediaName media;
+    const EntryKind kind = judge_entry(name, st.st_mode, &media);
+    if (kind == EntryKind::kLink) {
       printf("Link File: [%s]\n", full);
       continue;
     }
-    if (S_ISDIR(st.st_mode)) {
+    if (kind == EntryKind::kFolder) {
       full[sum] = '/';
       full[sum + 1] = '\0';
       UniqueDir sub(opendir(full));
@@ -74,12 +71,7 @@ int32_t Cnt_total_file(const char* path, DIR* dir) {
       count += Cnt_total_file(full, sub.get());
       continue;
     }
-    if (!S_ISREG(st.st_mode)) continue;
-
-    const char* dot = strrchr(name, '.');
-    if (dot == nullptr) continue;
-    if (strnlen(dot + 1, kExtLimit) >= kExtLimit) continue;
-    if (media_class_of(dot) == kClassNone) continue;
+    if (kind != EntryKind::kMedia) continue;
     ++total_file_cnt;
     ++count;
   }

@@ -13,7 +13,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "library/media_types.h"
+#include "library/entry_rule.h"
 #include "library/objid.h"
 #include "library/progress_counters.h"
 #include "library/schema.h"
@@ -29,8 +29,6 @@
 
 namespace {
 
-// Folder path plus entry name must stay below this many bytes.
-constexpr size_t kPathLimit = 512;
 // Folder rows and the parent lookup: a folder path and a few numbers.
 constexpr size_t kSqlSize = 1024;
 // Item rows hold the folder path and the name twice, and for music up to
@@ -40,9 +38,8 @@ constexpr size_t kItemSqlSize = 4096;
 constexpr size_t kTagBound = 256;   // title, artist, album
 constexpr size_t kGenreBound = 30;
 constexpr size_t kTimeSize = 128;
-// An extension of this many bytes or more after the last dot is never looked
-// up; the longest in the table is "mpeg2".
-constexpr size_t kExtLimit = 6;
+// The class columns of a music row: three tags, the genre and a few numbers.
+constexpr size_t kColumnsSize = 1024;
 
 struct QueueNode {
   char path[kFolderPathSize];
@@ -86,8 +83,7 @@ struct Item {
   const char* folder;  // P, ending in "/"
   const char* name;    // N
   const char* path;    // E = P and N joined
-  const char* ext;     // after the last dot, lower case
-  const char* dot;     // from the last dot on, case as in the name
+  const MediaName* media;
   unsigned long long size;
   char time[kTimeSize];
   int layer;
@@ -124,9 +120,51 @@ struct MusicInfoRelease {
   }
 };
 
-bool scan_music_file(const Item& item) {
-  ++total_scan_cnt;
+// What differs between the item rows of one kind. Music and playlists share
+// music_tbl with its row number and identifiers, videos and subtitles
+// video_tbl; music_tbl has a PlsFile column after layer.
+struct ItemRows {
+  const char* table;
+  const char* pls_file;  // "\"0\"," for music_tbl, else empty
+  int32_t* row;          // row number, advanced once a row went in
+  uint64_t* objid;       // the class's identifier counter
+  char step;             // the digit that begins the failure line
+};
 
+const ItemRows kMusicRows = {"music_tbl", "\"0\",", &music_row, &init_objid.music_file_objid, '1'};
+const ItemRows kPhotoRows = {"photo_tbl", "", &photo_row, &init_objid.photo_file_objid, '2'};
+const ItemRows kVideoRows = {"video_tbl", "", &video_row, &init_objid.video_file_objid, '3'};
+const ItemRows kPlaylistRows = {"music_tbl", "\"0\",", &music_row, &init_objid.music_file_objid, '4'};
+const ItemRows kSubtitleRows = {"video_tbl", "", &video_row, &init_objid.video_file_objid, '3'};
+
+// Playlists and subtitles carry nothing of their own: "0" from Genre (music)
+// or Width (video) through Comments. Playlist resolution and the sorted
+// tables find playlists by their extension.
+constexpr char kNoColumns[] = "\"0\",\"0\",\"0\",\"0\",\"0\",\"0\",\"0\",\"0\"";
+
+// Inserts the row of one item: the common columns, then `columns` (the
+// class's own, quoted and comma-separated), layer, the identifier and the
+// folder's. False when the statement failed, after its failure line.
+bool insert_item(const ItemRows& rows, const Item& item, const char* columns) {
+  // Taken before the statement runs: a failed row still uses up its identifier.
+  const unsigned long long objid = take_objid(rows.objid);
+  char sql[kItemSqlSize];
+  memset(sql, 0, sizeof sql);
+  // A statement cut at the buffer's end fails in SQLite like any other bad row.
+  (void)sql_format(sql, sizeof sql,
+                   "insert into %s values (\"%d\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%llu\",%s,"
+                   "\"%d\",%s\"%llu\",\"%llu\",\"0\",\"0\",\"0\");",
+                   rows.table, *rows.row, item.folder, item.name, item.folder, item.name, item.media->ext,
+                   item.time, item.size, columns, item.layer, rows.pls_file, objid, folder_objid());
+  if (!sql_exec(sql)) {
+    printf("%cScanMusic():execute sql query error[%s]\n", rows.step, zErrMsg);
+    return false;
+  }
+  ++*rows.row;
+  return true;
+}
+
+bool scan_music_file(const Item& item) {
   MusicWork work;
   memset(&work, 0, sizeof work);
   copy_bounded(work.folder, item.folder);
@@ -138,9 +176,10 @@ bool scan_music_file(const Item& item) {
   char full_path[1024];
   if (snprintf(full_path, sizeof full_path, "%s/%s", work.folder, work.name) < 0) full_path[0] = '\0';
 
+  const char* type_text = item.media->dot + 1;
   char type_fallback[kExtLimit + 1];
-  copy_bounded(type_fallback, item.dot + 1);
-  UniqueChars type(strdup(item.dot + 1));
+  copy_bounded(type_fallback, type_text);
+  UniqueChars type(strdup(type_text));
 
   MusicInfoRelease release;
   music_info.title = music_info.artist = music_info.album = music_info.genre = nullptr;
@@ -178,118 +217,37 @@ bool scan_music_file(const Item& item) {
     music_info.bitrate = 0;
   }
 
-  // Taken before the statement runs: a failed row still uses up its identifier.
-  const unsigned long long objid = take_objid(&init_objid.music_file_objid);
-  char sql[kItemSqlSize];
-  memset(sql, 0, sizeof sql);
-  // A statement cut at the buffer's end fails in SQLite like any other bad row.
-  (void)sql_format(sql, sizeof sql,
-                   "insert into music_tbl values "
-                   "(\"%d\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%llu\",\"%s\",\"%s\",\"%s\",\"%"
-                   "s\",\"%u\",\"0\",\"0\",\"0\",\"%d\",\"0\",\"%llu\",\"%llu\",\"0\",\"0\",\"0\");",
-                   music_row, item.folder, item.name, item.folder, item.name, item.ext, item.time,
-                   item.size, work.genre, work.artist, work.album, work.title,
-                   static_cast<unsigned>(music_info.bitrate), item.layer, objid, folder_objid());
-  if (!sql_exec(sql)) {
-    printf("1ScanMusic():execute sql query error[%s]\n", zErrMsg);
-    return false;
-  }
-  ++music_row;
+  char columns[kColumnsSize];
+  (void)sql_format(columns, sizeof columns, "\"%s\",\"%s\",\"%s\",\"%s\",\"%u\",\"0\",\"0\",\"0\"", work.genre,
+                   work.artist, work.album, work.title, static_cast<unsigned>(music_info.bitrate));
+  if (!insert_item(kMusicRows, item, columns)) return false;
   if (work.genre[0] == '\0') printf("<file>path %s, namelist[i]->d_name %s\n", item.folder, item.name);
   return true;
 }
 
 bool scan_photo_file(const Item& item) {
-  ++total_scan_cnt;
   ImageInfo image;
   memset(&image, 0, sizeof image);
   copy_bounded(image.path, item.path);
   if (get_img_size(&image) == 0) return true;  // not measurable: counted, but no row
-
-  const unsigned long long objid = take_objid(&init_objid.photo_file_objid);
-  char sql[kItemSqlSize];
-  memset(sql, 0, sizeof sql);
-  (void)sql_format(sql, sizeof sql,
-                   "insert into photo_tbl values "
-                   "(\"%d\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%llu\",\"%d\",\"%d\",\"%d\","
-                   "\"0\",\"0\",\"0\",\"%d\",\"%llu\",\"%llu\",\"0\",\"0\",\"0\");",
-                   photo_row, item.folder, item.name, item.folder, item.name, item.ext, item.time,
-                   item.size, image.width, image.height, image.depth, item.layer, objid,
-                   folder_objid());
-  if (!sql_exec(sql)) {
-    printf("2ScanMusic():execute sql query error[%s]\n", zErrMsg);
-    return false;
-  }
-  ++photo_row;
-  return true;
+  char columns[kColumnsSize];
+  (void)sql_format(columns, sizeof columns, "\"%d\",\"%d\",\"%d\",\"0\",\"0\",\"0\"", image.width, image.height,
+                   image.depth);
+  return insert_item(kPhotoRows, item, columns);
 }
 
 bool scan_video_file(const Item& item) {
-  ++total_scan_cnt;
   // All zeros, so no playing time is asked for. The result is not looked at:
   // whatever the record holds is stored, zeros when nothing was read.
   VideoInfo video;
   memset(&video, 0, sizeof video);
   (void)get_video_info(item.path, &video);
-
-  const unsigned long long objid = take_objid(&init_objid.video_file_objid);
-  char sql[kItemSqlSize];
-  memset(sql, 0, sizeof sql);
   // Format_type holds the television system, not the MPEG version: the media
   // server reads it so.
-  (void)sql_format(sql, sizeof sql,
-                   "insert into video_tbl values "
-                   "(\"%d\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%llu\",\"%d\",\"%d\",\"0\","
-                   "\"%d\",\"0\",\"0\",\"0\",\"0\",\"%d\",\"%llu\",\"%llu\",\"0\",\"0\",\"0\");",
-                   video_row, item.folder, item.name, item.folder, item.name, item.ext, item.time,
-                   item.size, video.width, video.height, video.tv_system, item.layer, objid,
-                   folder_objid());
-  if (!sql_exec(sql)) {
-    printf("3ScanMusic():execute sql query error[%s]\n", zErrMsg);
-    return false;
-  }
-  ++video_row;
-  return true;
-}
-
-// Playlists go into music_tbl with every tag column "0"; playlist resolution
-// and the sorted tables find them by their extension.
-bool scan_playlist_file(const Item& item) {
-  ++total_scan_cnt;
-  const unsigned long long objid = take_objid(&init_objid.music_file_objid);
-  char sql[kItemSqlSize];
-  memset(sql, 0, sizeof sql);
-  (void)sql_format(sql, sizeof sql,
-                   "insert into music_tbl values "
-                   "(\"%d\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%llu\",\"0\",\"0\",\"0\","
-                   "\"0\",\"0\",\"0\",\"0\",\"0\",\"%d\",\"0\",\"%llu\",\"%llu\",\"0\",\"0\",\"0\");",
-                   music_row, item.folder, item.name, item.folder, item.name, item.ext, item.time,
-                   item.size, item.layer, objid, folder_objid());
-  if (!sql_exec(sql)) {
-    printf("4ScanMusic():execute sql query error[%s]\n", zErrMsg);
-    return false;
-  }
-  ++music_row;
-  return true;
-}
-
-bool scan_subtitle_file(const Item& item) {
-  ++total_scan_cnt;
-  const unsigned long long objid = take_objid(&init_objid.video_file_objid);
-  char sql[kItemSqlSize];
-  memset(sql, 0, sizeof sql);
-  (void)sql_format(sql, sizeof sql,
-                   "insert into video_tbl values "
-                   "(\"%d\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%llu\",\"0\",\"0\",\"0\","
-                   "\"0\",\"0\",\"0\",\"0\",\"0\",\"%d\",\"%llu\",\"%llu\",\"0\",\"0\",\"0\");",
-                   video_row, item.folder, item.name, item.folder, item.name, item.ext, item.time,
-                   item.size, item.layer, objid, folder_objid());
-  if (!sql_exec(sql)) {
-    printf("3ScanMusic():execute sql query error[%s]\n", zErrMsg);
-    return false;
-  }
-  ++video_row;
-  return true;
+  char columns[kColumnsSize];
+  (void)sql_format(columns, sizeof columns, "\"%d\",\"%d\",\"0\",\"%d\",\"0\",\"0\",\"0\",\"0\"", video.width,
+                   video.height, video.tv_system);
+  return insert_item(kVideoRows, item, columns);
 }
 
 // The marker is only ever deleted; its presence changes nothing else. Only a
@@ -330,8 +288,7 @@ bool scan_entry(const char* folder, size_t folder_len, const char* name, int lay
     printf("<mediawalk>ScanMusic(): file path too long %d\n", static_cast<int>(sum));
     return true;
   }
-  // ".", "..", hidden files and folders, the database folder and the marker.
-  if (name[0] == '.') return true;
+  if (is_hidden_name(name)) return true;  // judged before its status is asked for
 
   char path[kPathLimit + 1];  // E, and the "/" a folder gets
   memset(path, 0, sizeof path);
@@ -344,38 +301,33 @@ bool scan_entry(const char* folder, size_t folder_len, const char* name, int lay
     printf("<mediawalk>ScanMusic(): lstat error:[%s],%d,file:[%s]\n", strerror(rc), rc, path);
     return true;
   }
-  if (S_ISLNK(st.st_mode)) {
-    printf("Link File: [%s]\n", path);
-    return true;
+  MediaName media;
+  switch (judge_entry(name, st.st_mode, &media)) {
+    case EntryKind::kLink:
+      printf("Link File: [%s]\n", path);
+      return true;
+    case EntryKind::kFolder:
+      path[sum] = '/';
+      path[sum + 1] = '\0';
+      addqueuex(path, layer + 1);
+      return true;
+    case EntryKind::kPassed:
+      return true;
+    case EntryKind::kMedia:
+      break;
   }
-  if (S_ISDIR(st.st_mode)) {
-    path[sum] = '/';
-    path[sum + 1] = '\0';
-    addqueuex(path, layer + 1);
-    return true;
-  }
-  if (!S_ISREG(st.st_mode)) return true;
 
-  const char* dot = strrchr(name, '.');
-  if (dot == nullptr) return true;
-  if (strnlen(dot + 1, kExtLimit) >= kExtLimit) return true;
-  char ext[kExtLimit + 1];
-  copy_bounded(ext, dot + 1);
-  str_tolower(ext);
-
-  const MediaClass media_class = media_class_of(dot);
-  if (media_class == kClassNone) return true;
-
+  // Counted before its metadata is read, whether or not a row is written.
+  ++total_scan_cnt;
   Item item;
   item.folder = folder;
   item.name = name;
   item.path = path;
-  item.ext = ext;
-  item.dot = dot;
+  item.media = &media;
   item.size = static_cast<unsigned long long>(st.st_size);
   format_time(st.st_mtime, item.time);
   item.layer = layer;
-  switch (media_class) {
+  switch (media.media_class) {
     case kClassMusic:
       return scan_music_file(item);
     case kClassPhoto:
@@ -383,9 +335,9 @@ bool scan_entry(const char* folder, size_t folder_len, const char* name, int lay
     case kClassVideo:
       return scan_video_file(item);
     case kClassPlaylist:
-      return scan_playlist_file(item);
+      return insert_item(kPlaylistRows, item, kNoColumns);
     case kClassSubtitle:
-      return scan_subtitle_file(item);
+      return insert_item(kSubtitleRows, item, kNoColumns);
     case kClassNone:
       break;
   }
