@@ -1,6 +1,7 @@
 #include "driver/progress.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
@@ -33,6 +34,11 @@ void set_progress_publisher(ProgressPublisher p) { publisher.store(p); }
 int32_t Cnt_total_file(const char* path, DIR* dir) {
   int32_t count = 0;
   const size_t path_len = strlen(path);
+  // Entries are reached through the folder's descriptor, never through a
+  // link above them. A path without its closing "/" (a root so configured)
+  // joins its names into those of its siblings, which are asked for as given.
+  const bool in_folder = path_len > 0 && path[path_len - 1] == '/';
+  const int base = in_folder ? dirfd(dir) : AT_FDCWD;
   struct dirent64* entry;
   while ((entry = readdir64(dir)) != nullptr) {
     const char* name = entry->d_name;
@@ -44,8 +50,9 @@ int32_t Cnt_total_file(const char* path, DIR* dir) {
 
     // A name too long to compose ends here, with an empty file field. The
     // call's result is shown, not errno: -1 and its text.
+    const char* rel = full[0] == '\0' ? "" : in_folder ? name : full;
     struct stat64 st;
-    const int rc = lstat64(full, &st);
+    const int rc = fstatat64(base, rel, &st, AT_SYMLINK_NOFOLLOW);
     if (rc != 0) {
       printf("<mediawalk>Cnt_total_file(): lstat error:[%s],%d,file:[%s]\n", strerror(rc), rc, full);
       continue;
@@ -63,8 +70,10 @@ int32_t Cnt_total_file(const char* path, DIR* dir) {
     if (kind == EntryKind::kFolder) {
       full[sum] = '/';
       full[sum + 1] = '\0';
-      UniqueDir sub(opendir(full));
+      const int fd = openat(base, in_folder ? name : full, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      UniqueDir sub(fd >= 0 ? fdopendir(fd) : nullptr);
       if (!sub) {
+        if (fd >= 0) close(fd);
         printf("<mediawalk>Cnt_total_file(): opendir error:[%s],file:[%s]\n", strerror(errno), full);
         continue;
       }

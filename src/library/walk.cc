@@ -2,16 +2,21 @@
 
 #include <ctype.h>
 #include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <new>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "library/entry_rule.h"
 #include "library/objid.h"
@@ -250,17 +255,45 @@ bool scan_video_file(const Item& item) {
   return insert_item(kVideoRows, item, columns);
 }
 
+constexpr char kMarkerName[] = ".MediaWalk.Music";
+
+// The folder being scanned. Its entries are reached through its descriptor,
+// so a folder above it swapped for a link meanwhile leads nowhere. A path
+// without its closing "/" (a root so configured) joins its names into those
+// of its siblings: those joined paths are then asked for as given.
+struct Folder {
+  const char* path;
+  size_t len;
+  int base;  // the folder's descriptor, or AT_FDCWD for a path without its "/"
+  const char* entry(const char* name, const char* joined) const { return base == AT_FDCWD ? joined : name; }
+};
+
+// Lists the folder in alphasort order, "." and ".." included as scandir64
+// gives them. False when it cannot be read.
+bool list_folder(DIR* dir, std::vector<std::string>* names) {
+  for (;;) {
+    errno = 0;
+    const struct dirent64* e = readdir64(dir);
+    if (e == nullptr) break;
+    names->emplace_back(e->d_name);
+  }
+  if (errno != 0) return false;
+  std::sort(names->begin(), names->end(),
+            [](const std::string& a, const std::string& b) { return strcoll(a.c_str(), b.c_str()) < 0; });
+  return true;
+}
+
 // The marker is only ever deleted; its presence changes nothing else. Only a
 // regular file counts as the marker: anything else of that name is left alone.
-void remove_music_marker(const char* folder) {
+void remove_music_marker(const Folder& folder) {
   char marker[kPathLimit + 32];
-  const int n = snprintf(marker, sizeof marker, "%s%s", folder, ".MediaWalk.Music");
+  const int n = snprintf(marker, sizeof marker, "%s%s", folder.path, kMarkerName);
   if (n < 0 || static_cast<size_t>(n) >= sizeof marker) return;  // never delete a cut name
-  UniqueFile f(fopen_regular(marker));
-  if (!f) return;
+  const char* name = folder.entry(kMarkerName, marker);
+  Fd f(open_regular_at(folder.base, name));
+  if (f.fd < 0) return;
   puts(marker);
-  f.reset();
-  remove(marker);
+  (void)unlinkat(folder.base, name, 0);
 }
 
 bool insert_folder_row(const char* folder, int layer) {
@@ -282,8 +315,9 @@ bool insert_folder_row(const char* folder, int layer) {
 
 // Handles one entry of folder `folder`. False only when an item statement
 // failed, which ends the folder's scan.
-bool scan_entry(const char* folder, size_t folder_len, const char* name, int layer) {
-  const size_t sum = folder_len + strlen(name);
+bool scan_entry(const Folder& dir, const char* name, int layer) {
+  const char* folder = dir.path;
+  const size_t sum = dir.len + strlen(name);
   if (sum >= kPathLimit) {
     printf("<mediawalk>ScanMusic(): file path too long %d\n", static_cast<int>(sum));
     return true;
@@ -294,7 +328,7 @@ bool scan_entry(const char* folder, size_t folder_len, const char* name, int lay
   memset(path, 0, sizeof path);
   snprintf(path, sizeof path, "%s%s", folder, name);
   struct stat64 st;
-  const int rc = lstat64(path, &st);
+  const int rc = fstatat64(dir.base, dir.entry(name, path), &st, AT_SYMLINK_NOFOLLOW);
   if (rc != 0) {
     // Shows the call's result, not errno; the entry is then skipped rather
     // than judged from status data that was never filled.
@@ -347,18 +381,26 @@ bool scan_entry(const char* folder, size_t folder_len, const char* name, int lay
 }  // namespace
 
 int ScanMusic(const char* path, int layer) {
-  remove_music_marker(path);
+  // The root as configured; every other folder reached from it without a link.
+  const int fd = layer == 0 ? open_share_root(path) : open_share_folder(path);
+  UniqueDir dir(fd >= 0 ? fdopendir(fd) : nullptr);  // owns fd once it is made
+  if (fd >= 0 && !dir) close(fd);
+  const int dir_fd = dir ? dirfd(dir.get()) : -1;
+  const size_t len = strlen(path);
+  const Folder folder = {path, len, len > 0 && path[len - 1] == '/' ? dir_fd : AT_FDCWD};
+  set_scan_folder(path, dir_fd);
+  struct Unset {
+    ~Unset() { set_scan_folder(nullptr, -1); }
+  } unset;
+  remove_music_marker(folder);
 
-  DirList list;
-  const int count = scandir64(path, &list.entries, nullptr, alphasort64);
-  if (count >= 0) list.count = count;
-  if (count >= 1) {
+  std::vector<std::string> names;
+  if (dir && list_folder(dir.get(), &names) && !names.empty()) {
     // On a failed statement the folder keeps its identifier unspent: the
     // next folder scanned is given the same ObjID.
     if (!insert_folder_row(path, layer)) return 0;
-    const size_t path_len = strlen(path);
-    for (int i = 0; i < list.count; ++i) {
-      if (!scan_entry(path, path_len, list.entries[i]->d_name, layer)) return 0;
+    for (const std::string& name : names) {
+      if (!scan_entry(folder, name.c_str(), layer)) return 0;
     }
     ++init_objid.media_path_objid;
   }
@@ -470,4 +512,5 @@ void reset_walk_state() {
   music_row = photo_row = video_row = 1;
   memset(&music_info, 0, sizeof music_info);
   folder_ids.clear();
+  forget_share();
 }
