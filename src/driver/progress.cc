@@ -1,26 +1,19 @@
 #include "driver/progress.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "library/media_types.h"
+#include "library/entry_rule.h"
 #include "platform/holders.h"
 #include "platform/xmldb.h"
 
-std::atomic<int32_t> total_file_cnt{0};
-std::atomic<int32_t> total_scan_cnt{0};
-std::atomic<int32_t> scan_finished{0};
-
 namespace {
 
-// Folder path plus entry name must stay below this many bytes, as in the walk.
-constexpr size_t kPathLimit = 512;
-// An extension of this many bytes or more after the last dot is not counted.
-constexpr size_t kExtLimit = 6;
 constexpr unsigned kPublishPeriodSeconds = 3;
 
 std::atomic<ProgressPublisher> publisher{nullptr};
@@ -41,6 +34,11 @@ void set_progress_publisher(ProgressPublisher p) { publisher.store(p); }
 int32_t Cnt_total_file(const char* path, DIR* dir) {
   int32_t count = 0;
   const size_t path_len = strlen(path);
+  // Entries are reached through the folder's descriptor, never through a
+  // link above them. A path without its closing "/" (a root so configured)
+  // joins its names into those of its siblings, which are asked for as given.
+  const bool in_folder = path_len > 0 && path[path_len - 1] == '/';
+  const int base = in_folder ? dirfd(dir) : AT_FDCWD;
   struct dirent64* entry;
   while ((entry = readdir64(dir)) != nullptr) {
     const char* name = entry->d_name;
@@ -52,8 +50,9 @@ int32_t Cnt_total_file(const char* path, DIR* dir) {
 
     // A name too long to compose ends here, with an empty file field. The
     // call's result is shown, not errno: -1 and its text.
+    const char* rel = full[0] == '\0' ? "" : in_folder ? name : full;
     struct stat64 st;
-    const int rc = lstat64(full, &st);
+    const int rc = fstatat64(base, rel, &st, AT_SYMLINK_NOFOLLOW);
     if (rc != 0) {
       printf("<mediawalk>Cnt_total_file(): lstat error:[%s],%d,file:[%s]\n", strerror(rc), rc, full);
       continue;
@@ -62,28 +61,26 @@ int32_t Cnt_total_file(const char* path, DIR* dir) {
       printf("<Cnt_total_file>Cnt_total_file(): file path too long %d\n", static_cast<int>(sum));
       continue;
     }
-    if (name[0] == '.') continue;
-    if (S_ISLNK(st.st_mode)) {
+    MediaName media;
+    const EntryKind kind = judge_entry(name, st.st_mode, &media);
+    if (kind == EntryKind::kLink) {
       printf("Link File: [%s]\n", full);
       continue;
     }
-    if (S_ISDIR(st.st_mode)) {
+    if (kind == EntryKind::kFolder) {
       full[sum] = '/';
       full[sum + 1] = '\0';
-      UniqueDir sub(opendir(full));
+      const int fd = openat(base, in_folder ? name : full, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      UniqueDir sub(fd >= 0 ? fdopendir(fd) : nullptr);
       if (!sub) {
+        if (fd >= 0) close(fd);
         printf("<mediawalk>Cnt_total_file(): opendir error:[%s],file:[%s]\n", strerror(errno), full);
         continue;
       }
       count += Cnt_total_file(full, sub.get());
       continue;
     }
-    if (!S_ISREG(st.st_mode)) continue;
-
-    const char* dot = strrchr(name, '.');
-    if (dot == nullptr) continue;
-    if (strnlen(dot + 1, kExtLimit) >= kExtLimit) continue;
-    if (media_class_of(dot) == kClassNone) continue;
+    if (kind != EntryKind::kMedia) continue;
     ++total_file_cnt;
     ++count;
   }

@@ -1,17 +1,11 @@
-// Progress counters, the counting walk and the progress thread.
+// The counting walk and the progress thread.
 #ifndef MEDIAWALK_DRIVER_PROGRESS_H_
 #define MEDIAWALK_DRIVER_PROGRESS_H_
 
 #include <dirent.h>
 #include <stdint.h>
 
-#include <atomic>
-
-// Written by the main thread alone, read by the progress thread; a reading
-// one update behind only delays the display.
-extern std::atomic<int32_t> total_file_cnt;  // files of a known class under the share
-extern std::atomic<int32_t> total_scan_cnt;  // files of a known class handled so far
-extern std::atomic<int32_t> scan_finished;   // 1 once the scan phases are over
+#include "library/progress_counters.h"
 
 // Counts the files of a known class in folder `path` (ending in "/") and
 // below it, depth-first; each one also advances total_file_cnt. The caller

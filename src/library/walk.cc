@@ -2,20 +2,25 @@
 
 #include <ctype.h>
 #include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <new>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
-#include "driver/progress.h"
-#include "library/media_types.h"
+#include "library/entry_rule.h"
 #include "library/objid.h"
+#include "library/progress_counters.h"
 #include "library/schema.h"
 #include "library/sql.h"
 #include "metadata/id3_tags.h"
@@ -29,8 +34,6 @@
 
 namespace {
 
-// Folder path plus entry name must stay below this many bytes.
-constexpr size_t kPathLimit = 512;
 // Folder rows and the parent lookup: a folder path and a few numbers.
 constexpr size_t kSqlSize = 1024;
 // Item rows hold the folder path and the name twice, and for music up to
@@ -40,9 +43,8 @@ constexpr size_t kItemSqlSize = 4096;
 constexpr size_t kTagBound = 256;   // title, artist, album
 constexpr size_t kGenreBound = 30;
 constexpr size_t kTimeSize = 128;
-// An extension of this many bytes or more after the last dot is never looked
-// up; the longest in the table is "mpeg2".
-constexpr size_t kExtLimit = 6;
+// The class columns of a music row: three tags, the genre and a few numbers.
+constexpr size_t kColumnsSize = 1024;
 
 struct QueueNode {
   char path[kFolderPathSize];
@@ -86,8 +88,7 @@ struct Item {
   const char* folder;  // P, ending in "/"
   const char* name;    // N
   const char* path;    // E = P and N joined
-  const char* ext;     // after the last dot, lower case
-  const char* dot;     // from the last dot on, case as in the name
+  const MediaName* media;
   unsigned long long size;
   char time[kTimeSize];
   int layer;
@@ -124,9 +125,51 @@ struct MusicInfoRelease {
   }
 };
 
-bool scan_music_file(const Item& item) {
-  ++total_scan_cnt;
+// What differs between the item rows of one kind. Music and playlists share
+// music_tbl with its row number and identifiers, videos and subtitles
+// video_tbl; music_tbl has a PlsFile column after layer.
+struct ItemRows {
+  const char* table;
+  const char* pls_file;  // "\"0\"," for music_tbl, else empty
+  int32_t* row;          // row number, advanced once a row went in
+  uint64_t* objid;       // the class's identifier counter
+  char step;             // the digit that begins the failure line
+};
 
+const ItemRows kMusicRows = {"music_tbl", "\"0\",", &music_row, &init_objid.music_file_objid, '1'};
+const ItemRows kPhotoRows = {"photo_tbl", "", &photo_row, &init_objid.photo_file_objid, '2'};
+const ItemRows kVideoRows = {"video_tbl", "", &video_row, &init_objid.video_file_objid, '3'};
+const ItemRows kPlaylistRows = {"music_tbl", "\"0\",", &music_row, &init_objid.music_file_objid, '4'};
+const ItemRows kSubtitleRows = {"video_tbl", "", &video_row, &init_objid.video_file_objid, '3'};
+
+// Playlists and subtitles carry nothing of their own: "0" from Genre (music)
+// or Width (video) through Comments. Playlist resolution and the sorted
+// tables find playlists by their extension.
+constexpr char kNoColumns[] = "\"0\",\"0\",\"0\",\"0\",\"0\",\"0\",\"0\",\"0\"";
+
+// Inserts the row of one item: the common columns, then `columns` (the
+// class's own, quoted and comma-separated), layer, the identifier and the
+// folder's. False when the statement failed, after its failure line.
+bool insert_item(const ItemRows& rows, const Item& item, const char* columns) {
+  // Taken before the statement runs: a failed row still uses up its identifier.
+  const unsigned long long objid = take_objid(rows.objid);
+  char sql[kItemSqlSize];
+  memset(sql, 0, sizeof sql);
+  // A statement cut at the buffer's end fails in SQLite like any other bad row.
+  (void)sql_format(sql, sizeof sql,
+                   "insert into %s values (\"%d\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%llu\",%s,"
+                   "\"%d\",%s\"%llu\",\"%llu\",\"0\",\"0\",\"0\");",
+                   rows.table, *rows.row, item.folder, item.name, item.folder, item.name, item.media->ext,
+                   item.time, item.size, columns, item.layer, rows.pls_file, objid, folder_objid());
+  if (!sql_exec(sql)) {
+    printf("%cScanMusic():execute sql query error[%s]\n", rows.step, zErrMsg);
+    return false;
+  }
+  ++*rows.row;
+  return true;
+}
+
+bool scan_music_file(const Item& item) {
   MusicWork work;
   memset(&work, 0, sizeof work);
   copy_bounded(work.folder, item.folder);
@@ -138,9 +181,10 @@ bool scan_music_file(const Item& item) {
   char full_path[1024];
   if (snprintf(full_path, sizeof full_path, "%s/%s", work.folder, work.name) < 0) full_path[0] = '\0';
 
+  const char* type_text = item.media->dot + 1;
   char type_fallback[kExtLimit + 1];
-  copy_bounded(type_fallback, item.dot + 1);
-  UniqueChars type(strdup(item.dot + 1));
+  copy_bounded(type_fallback, type_text);
+  UniqueChars type(strdup(type_text));
 
   MusicInfoRelease release;
   music_info.title = music_info.artist = music_info.album = music_info.genre = nullptr;
@@ -178,131 +222,78 @@ bool scan_music_file(const Item& item) {
     music_info.bitrate = 0;
   }
 
-  // Taken before the statement runs: a failed row still uses up its identifier.
-  const unsigned long long objid = take_objid(&init_objid.music_file_objid);
-  char sql[kItemSqlSize];
-  memset(sql, 0, sizeof sql);
-  // A statement cut at the buffer's end fails in SQLite like any other bad row.
-  (void)sql_format(sql, sizeof sql,
-                   "insert into music_tbl values "
-                   "(\"%d\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%llu\",\"%s\",\"%s\",\"%s\",\"%"
-                   "s\",\"%u\",\"0\",\"0\",\"0\",\"%d\",\"0\",\"%llu\",\"%llu\",\"0\",\"0\",\"0\");",
-                   music_row, item.folder, item.name, item.folder, item.name, item.ext, item.time,
-                   item.size, work.genre, work.artist, work.album, work.title,
-                   static_cast<unsigned>(music_info.bitrate), item.layer, objid, folder_objid());
-  if (!sql_exec(sql)) {
-    printf("1ScanMusic():execute sql query error[%s]\n", zErrMsg);
-    return false;
-  }
-  ++music_row;
+  char columns[kColumnsSize];
+  (void)sql_format(columns, sizeof columns, "\"%s\",\"%s\",\"%s\",\"%s\",\"%u\",\"0\",\"0\",\"0\"", work.genre,
+                   work.artist, work.album, work.title, static_cast<unsigned>(music_info.bitrate));
+  if (!insert_item(kMusicRows, item, columns)) return false;
   if (work.genre[0] == '\0') printf("<file>path %s, namelist[i]->d_name %s\n", item.folder, item.name);
   return true;
 }
 
 bool scan_photo_file(const Item& item) {
-  ++total_scan_cnt;
   ImageInfo image;
   memset(&image, 0, sizeof image);
   copy_bounded(image.path, item.path);
   if (get_img_size(&image) == 0) return true;  // not measurable: counted, but no row
-
-  const unsigned long long objid = take_objid(&init_objid.photo_file_objid);
-  char sql[kItemSqlSize];
-  memset(sql, 0, sizeof sql);
-  (void)sql_format(sql, sizeof sql,
-                   "insert into photo_tbl values "
-                   "(\"%d\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%llu\",\"%d\",\"%d\",\"%d\","
-                   "\"0\",\"0\",\"0\",\"%d\",\"%llu\",\"%llu\",\"0\",\"0\",\"0\");",
-                   photo_row, item.folder, item.name, item.folder, item.name, item.ext, item.time,
-                   item.size, image.width, image.height, image.depth, item.layer, objid,
-                   folder_objid());
-  if (!sql_exec(sql)) {
-    printf("2ScanMusic():execute sql query error[%s]\n", zErrMsg);
-    return false;
-  }
-  ++photo_row;
-  return true;
+  char columns[kColumnsSize];
+  (void)sql_format(columns, sizeof columns, "\"%d\",\"%d\",\"%d\",\"0\",\"0\",\"0\"", image.width, image.height,
+                   image.depth);
+  return insert_item(kPhotoRows, item, columns);
 }
 
 bool scan_video_file(const Item& item) {
-  ++total_scan_cnt;
   // All zeros, so no playing time is asked for. The result is not looked at:
   // whatever the record holds is stored, zeros when nothing was read.
   VideoInfo video;
   memset(&video, 0, sizeof video);
   (void)get_video_info(item.path, &video);
-
-  const unsigned long long objid = take_objid(&init_objid.video_file_objid);
-  char sql[kItemSqlSize];
-  memset(sql, 0, sizeof sql);
   // Format_type holds the television system, not the MPEG version: the media
   // server reads it so.
-  (void)sql_format(sql, sizeof sql,
-                   "insert into video_tbl values "
-                   "(\"%d\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%llu\",\"%d\",\"%d\",\"0\","
-                   "\"%d\",\"0\",\"0\",\"0\",\"0\",\"%d\",\"%llu\",\"%llu\",\"0\",\"0\",\"0\");",
-                   video_row, item.folder, item.name, item.folder, item.name, item.ext, item.time,
-                   item.size, video.width, video.height, video.tv_system, item.layer, objid,
-                   folder_objid());
-  if (!sql_exec(sql)) {
-    printf("3ScanMusic():execute sql query error[%s]\n", zErrMsg);
-    return false;
-  }
-  ++video_row;
-  return true;
+  char columns[kColumnsSize];
+  (void)sql_format(columns, sizeof columns, "\"%d\",\"%d\",\"0\",\"%d\",\"0\",\"0\",\"0\",\"0\"", video.width,
+                   video.height, video.tv_system);
+  return insert_item(kVideoRows, item, columns);
 }
 
-// Playlists go into music_tbl with every tag column "0"; playlist resolution
-// and the sorted tables find them by their extension.
-bool scan_playlist_file(const Item& item) {
-  ++total_scan_cnt;
-  const unsigned long long objid = take_objid(&init_objid.music_file_objid);
-  char sql[kItemSqlSize];
-  memset(sql, 0, sizeof sql);
-  (void)sql_format(sql, sizeof sql,
-                   "insert into music_tbl values "
-                   "(\"%d\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%llu\",\"0\",\"0\",\"0\","
-                   "\"0\",\"0\",\"0\",\"0\",\"0\",\"%d\",\"0\",\"%llu\",\"%llu\",\"0\",\"0\",\"0\");",
-                   music_row, item.folder, item.name, item.folder, item.name, item.ext, item.time,
-                   item.size, item.layer, objid, folder_objid());
-  if (!sql_exec(sql)) {
-    printf("4ScanMusic():execute sql query error[%s]\n", zErrMsg);
-    return false;
-  }
-  ++music_row;
-  return true;
-}
+constexpr char kMarkerName[] = ".MediaWalk.Music";
 
-bool scan_subtitle_file(const Item& item) {
-  ++total_scan_cnt;
-  const unsigned long long objid = take_objid(&init_objid.video_file_objid);
-  char sql[kItemSqlSize];
-  memset(sql, 0, sizeof sql);
-  (void)sql_format(sql, sizeof sql,
-                   "insert into video_tbl values "
-                   "(\"%d\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%llu\",\"0\",\"0\",\"0\","
-                   "\"0\",\"0\",\"0\",\"0\",\"0\",\"%d\",\"%llu\",\"%llu\",\"0\",\"0\",\"0\");",
-                   video_row, item.folder, item.name, item.folder, item.name, item.ext, item.time,
-                   item.size, item.layer, objid, folder_objid());
-  if (!sql_exec(sql)) {
-    printf("3ScanMusic():execute sql query error[%s]\n", zErrMsg);
-    return false;
+// The folder being scanned. Its entries are reached through its descriptor,
+// so a folder above it swapped for a link meanwhile leads nowhere. A path
+// without its closing "/" (a root so configured) joins its names into those
+// of its siblings: those joined paths are then asked for as given.
+struct Folder {
+  const char* path;
+  size_t len;
+  int base;  // the folder's descriptor, or AT_FDCWD for a path without its "/"
+  const char* entry(const char* name, const char* joined) const { return base == AT_FDCWD ? joined : name; }
+};
+
+// Lists the folder in alphasort order, "." and ".." included as scandir64
+// gives them. False when it cannot be read.
+bool list_folder(DIR* dir, std::vector<std::string>* names) {
+  for (;;) {
+    errno = 0;
+    const struct dirent64* e = readdir64(dir);
+    if (e == nullptr) break;
+    names->emplace_back(e->d_name);
   }
-  ++video_row;
+  if (errno != 0) return false;
+  std::sort(names->begin(), names->end(),
+            [](const std::string& a, const std::string& b) { return strcoll(a.c_str(), b.c_str()) < 0; });
   return true;
 }
 
 // The marker is only ever deleted; its presence changes nothing else. Only a
 // regular file counts as the marker: anything else of that name is left alone.
-void remove_music_marker(const char* folder) {
+void remove_music_marker(const Folder& folder) {
   char marker[kPathLimit + 32];
-  const int n = snprintf(marker, sizeof marker, "%s%s", folder, ".MediaWalk.Music");
+  const int n = snprintf(marker, sizeof marker, "%s%s", folder.path, kMarkerName);
   if (n < 0 || static_cast<size_t>(n) >= sizeof marker) return;  // never delete a cut name
-  UniqueFile f(fopen_regular(marker));
-  if (!f) return;
+  const char* name = folder.entry(kMarkerName, marker);
+  Fd f(open_regular_at(folder.base, name));
+  if (f.fd < 0) return;
   puts(marker);
-  f.reset();
-  remove(marker);
+  (void)unlinkat(folder.base, name, 0);
 }
 
 bool insert_folder_row(const char* folder, int layer) {
@@ -324,58 +315,53 @@ bool insert_folder_row(const char* folder, int layer) {
 
 // Handles one entry of folder `folder`. False only when an item statement
 // failed, which ends the folder's scan.
-bool scan_entry(const char* folder, size_t folder_len, const char* name, int layer) {
-  const size_t sum = folder_len + strlen(name);
+bool scan_entry(const Folder& dir, const char* name, int layer) {
+  const char* folder = dir.path;
+  const size_t sum = dir.len + strlen(name);
   if (sum >= kPathLimit) {
     printf("<mediawalk>ScanMusic(): file path too long %d\n", static_cast<int>(sum));
     return true;
   }
-  // ".", "..", hidden files and folders, the database folder and the marker.
-  if (name[0] == '.') return true;
+  if (is_hidden_name(name)) return true;  // judged before its status is asked for
 
   char path[kPathLimit + 1];  // E, and the "/" a folder gets
   memset(path, 0, sizeof path);
   snprintf(path, sizeof path, "%s%s", folder, name);
   struct stat64 st;
-  const int rc = lstat64(path, &st);
+  const int rc = fstatat64(dir.base, dir.entry(name, path), &st, AT_SYMLINK_NOFOLLOW);
   if (rc != 0) {
     // Shows the call's result, not errno; the entry is then skipped rather
     // than judged from status data that was never filled.
     printf("<mediawalk>ScanMusic(): lstat error:[%s],%d,file:[%s]\n", strerror(rc), rc, path);
     return true;
   }
-  if (S_ISLNK(st.st_mode)) {
-    printf("Link File: [%s]\n", path);
-    return true;
+  MediaName media;
+  switch (judge_entry(name, st.st_mode, &media)) {
+    case EntryKind::kLink:
+      printf("Link File: [%s]\n", path);
+      return true;
+    case EntryKind::kFolder:
+      path[sum] = '/';
+      path[sum + 1] = '\0';
+      addqueuex(path, layer + 1);
+      return true;
+    case EntryKind::kPassed:
+      return true;
+    case EntryKind::kMedia:
+      break;
   }
-  if (S_ISDIR(st.st_mode)) {
-    path[sum] = '/';
-    path[sum + 1] = '\0';
-    addqueuex(path, layer + 1);
-    return true;
-  }
-  if (!S_ISREG(st.st_mode)) return true;
 
-  const char* dot = strrchr(name, '.');
-  if (dot == nullptr) return true;
-  if (strnlen(dot + 1, kExtLimit) >= kExtLimit) return true;
-  char ext[kExtLimit + 1];
-  copy_bounded(ext, dot + 1);
-  str_tolower(ext);
-
-  const MediaClass media_class = media_class_of(dot);
-  if (media_class == kClassNone) return true;
-
+  // Counted before its metadata is read, whether or not a row is written.
+  ++total_scan_cnt;
   Item item;
   item.folder = folder;
   item.name = name;
   item.path = path;
-  item.ext = ext;
-  item.dot = dot;
+  item.media = &media;
   item.size = static_cast<unsigned long long>(st.st_size);
   format_time(st.st_mtime, item.time);
   item.layer = layer;
-  switch (media_class) {
+  switch (media.media_class) {
     case kClassMusic:
       return scan_music_file(item);
     case kClassPhoto:
@@ -383,9 +369,9 @@ bool scan_entry(const char* folder, size_t folder_len, const char* name, int lay
     case kClassVideo:
       return scan_video_file(item);
     case kClassPlaylist:
-      return scan_playlist_file(item);
+      return insert_item(kPlaylistRows, item, kNoColumns);
     case kClassSubtitle:
-      return scan_subtitle_file(item);
+      return insert_item(kSubtitleRows, item, kNoColumns);
     case kClassNone:
       break;
   }
@@ -395,18 +381,26 @@ bool scan_entry(const char* folder, size_t folder_len, const char* name, int lay
 }  // namespace
 
 int ScanMusic(const char* path, int layer) {
-  remove_music_marker(path);
+  // The root as configured; every other folder reached from it without a link.
+  const int fd = layer == 0 ? open_share_root(path) : open_share_folder(path);
+  UniqueDir dir(fd >= 0 ? fdopendir(fd) : nullptr);  // owns fd once it is made
+  if (fd >= 0 && !dir) close(fd);
+  const int dir_fd = dir ? dirfd(dir.get()) : -1;
+  const size_t len = strlen(path);
+  const Folder folder = {path, len, len > 0 && path[len - 1] == '/' ? dir_fd : AT_FDCWD};
+  set_scan_folder(path, dir_fd);
+  struct Unset {
+    ~Unset() { set_scan_folder(nullptr, -1); }
+  } unset;
+  remove_music_marker(folder);
 
-  DirList list;
-  const int count = scandir64(path, &list.entries, nullptr, alphasort64);
-  if (count >= 0) list.count = count;
-  if (count >= 1) {
+  std::vector<std::string> names;
+  if (dir && list_folder(dir.get(), &names) && !names.empty()) {
     // On a failed statement the folder keeps its identifier unspent: the
     // next folder scanned is given the same ObjID.
     if (!insert_folder_row(path, layer)) return 0;
-    const size_t path_len = strlen(path);
-    for (int i = 0; i < list.count; ++i) {
-      if (!scan_entry(path, path_len, list.entries[i]->d_name, layer)) return 0;
+    for (const std::string& name : names) {
+      if (!scan_entry(folder, name.c_str(), layer)) return 0;
     }
     ++init_objid.media_path_objid;
   }
@@ -518,4 +512,5 @@ void reset_walk_state() {
   music_row = photo_row = video_row = 1;
   memset(&music_info, 0, sizeof music_info);
   folder_ids.clear();
+  forget_share();
 }

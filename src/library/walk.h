@@ -12,9 +12,12 @@
 // 512 bytes and fits with its terminator.
 constexpr size_t kFolderPathSize = 513;
 
-// Scans folder `path` (ending in "/") at depth `layer`. Returns 1 when the
-// folder was handled to its end (also when it could not be listed or was
-// empty), 0 when an SQL statement failed.
+// Scans folder `path` (ending in "/") at depth `layer`. Layer 0 is the share
+// root, opened as configured; any other folder is reached from the root
+// without following a link, and its files are read through its descriptor,
+// so a folder swapped for a link is passed over as one that vanished.
+// Returns 1 when the folder was handled to its end (also when it could not
+// be opened, listed or was empty), 0 when an SQL statement failed.
 int ScanMusic(const char* path, int layer);
 
 // Appends a folder to the tail of the folder queue. When no node can be
@@ -41,8 +44,8 @@ char* check_special_symbol(char* text);
 // Lowers every byte of text in place with tolower.
 void str_tolower(char* text);
 
-// For tests: empties the folder queue and sets the row numbers back to 1 and
-// the music record to zeros, as at process start. The object identifier
+// For tests: empties the folder queue, forgets the share root and sets the
+// row numbers back to 1 and the music record to zeros, as at process start. The object identifier
 // counters and total_scan_cnt are left to their owners.
 void reset_walk_state();
 

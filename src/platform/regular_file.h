@@ -7,6 +7,13 @@
 // may be read without end. So a share file is opened without blocking and
 // without following a link in its last component, and kept only when it
 // turns out to be a regular file; for regular files nothing changes.
+//
+// A folder of the share, or one above it, may likewise be swapped for a link
+// at any time, and a path resolved again would then lead out of the share.
+// So the share root is opened once, every share folder is reached from it one
+// component at a time without following a link, and a file named inside the
+// folder being scanned is opened through that folder's descriptor. Paths
+// outside the share root (none in a scan) are opened as before.
 #ifndef MEDIAWALK_PLATFORM_REGULAR_FILE_H_
 #define MEDIAWALK_PLATFORM_REGULAR_FILE_H_
 
@@ -14,8 +21,33 @@
 
 // A read-only, close-on-exec descriptor of the regular file at path, in
 // blocking mode; -1 with errno set when it cannot be opened or is anything
-// but a regular file (errno EINVAL then, or ELOOP for a link).
+// but a regular file (errno EINVAL then, or ELOOP for a link). A path inside
+// the share root never passes through a link.
 int open_regular(const char* path);
+
+// The same for entry `name` of the folder open as dir_fd (AT_FDCWD: name is a
+// path, resolved as given but for its last component).
+int open_regular_at(int dir_fd, const char* name);
+
+// Opens the share root `path` as a folder, following any link in it (the
+// root is the administrator's setting), and keeps it as the root of the share
+// when path ends in "/". Returns a descriptor of the folder for the caller to
+// close, or -1; the share then has no root until the next call.
+int open_share_root(const char* path);
+
+// Opens a folder of the share (path ending in "/") without following a link
+// in any component below the root; a path outside the share root is opened
+// as given. Returns a descriptor for the caller to close, or -1.
+int open_share_folder(const char* path);
+
+// The folder being scanned: files named inside folder `path` (ending in "/",
+// the name joined to it with or without one more "/") are opened through
+// dir_fd, which the caller keeps open until it sets another folder or none
+// (nullptr).
+void set_scan_folder(const char* path, int dir_fd);
+
+// Forgets the share root and the scanned folder, as at process start.
+void forget_share();
 
 // The same as a stdio stream for reading; nullptr on failure.
 FILE* fopen_regular(const char* path);

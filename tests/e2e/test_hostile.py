@@ -402,6 +402,53 @@ class ChangingShare(HostileCase):
         self.assertEqual(sb.progress()[:4], b"8,6,")
 
 
+    # (share files, trigger: the file whose detector call swaps, the share path swapped for a link
+    # to outside/, the outside files, the music rows kept with their bitrates, their folders).
+    # Read through the link, an outside file gives its "SECRET" title and a bitrate of 32.
+    LINK_SWAPS = [
+        # a queued folder, swapped before its turn
+        (["q1/sub/own.mp3", "q1/z.mp3"], "q1/z.mp3", "q1/sub", ["1/own.mp3"], ["q1/z.mp3 32"], ["q1/"]),
+        # an ancestor of a queued folder; the trigger's frames are read after the swap
+        (["a2/b/own.mp3", "a2/z.mp3"], "a2/z.mp3", "a2", ["2/b/own.mp3", "2/z.mp3"], ["a2/z.mp3 0"], ["a2/"]),
+        # the folder being scanned, between its listing and its next file
+        (["c3/a.mp3", "c3/b.mp3"], "c3/a.mp3", "c3", ["3/b.mp3", "3/a.mp3"], ["c3/a.mp3 0"], ["c3/"]),
+        # a file, between its tag and its frame analysis
+        (["f4/x.mp3"], "f4/x.mp3", "f4/x.mp3", ["4.mp3"], ["f4/x.mp3 0"], ["f4/"]),
+        # the folder of a playlist, after the walk and before the playlists are read
+        (["p5/l/list.m3u", "p5/l/own.mp3", "p5/y/y/t.mp3"], "p5/y/y/t.mp3", "p5/l", ["5/list.m3u"],
+         ["p5/l/list.m3u 0", "p5/l/own.mp3 32", "p5/y/y/t.mp3 32"], ["p5/", "p5/l/", "p5/y/", "p5/y/y/"]),
+    ]
+
+    def test_links_swapped_in_are_never_followed(self):
+        sb = self.sb
+        s, outside = sb.share, sb.path("outside") + "/"
+        actions = {}
+        for files, trigger, swapped, outer, _, _ in self.LINK_SWAPS:
+            for rel in files:
+                sb.file(rel, "own.mp3\n" if rel.endswith(".m3u") else tagged(TIT2="s" + rel))
+            for rel in outer:
+                sb.file(rel, "own.mp3\n" if rel.endswith(".m3u") else tagged(TIT2="SECRET"), base=outside)
+            actions["s" + trigger] = "rm -rf '%s%s' && ln -s '%s%s' '%s%s'" % (
+                s, swapped, outside, outer[0].split("/")[0], s, swapped)
+        self.detector_script(actions)
+        res = sb.run(timeout=60)
+        self.assert_outcome(res)
+        root = s.encode()
+        rows = sb.rows("music_tbl", columns="Real_Path, Real_fname, Title, Bitrate, PlsFile")
+        folders = [p for p, in sb.rows("path_objid_tbl", columns="path")]
+        for files, trigger, swapped, _, kept, kept_folders in self.LINK_SWAPS:
+            with self.subTest(swapped):
+                self.assertTrue(os.path.islink(s + swapped), "no swap of " + swapped)
+                top = root + swapped.split("/")[0].encode() + b"/"
+                mine = [r for r in rows if r[0].startswith(top)]
+                self.assertEqual(["%s %s" % ((r[0] + r[1])[len(root):].decode(), r[3].decode()) for r in mine], kept)
+                self.assertNotIn(b"SECRET", [r[2] for r in mine])
+                self.assertEqual([f[len(root):].decode() for f in folders if f.startswith(top)], kept_folders)
+        lines = [b"<mediawalk>ScanMusic(): lstat error:[Unknown error -1],-1,file:[%sc3/b.mp3]\n" % root,
+                 b"parser_playlist():Open [%sp5/l/list.m3u] fail\n" % root]
+        self.assertEqual([line for line in lines if line not in res.stdout], [])
+
+
 class Unprivileged(HostileCase):
     """Unreadable files and folders, with the scan running as an ordinary user."""
 
