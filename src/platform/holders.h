@@ -49,15 +49,4 @@ struct Fd : NoCopy {
   }
 };
 
-// scandir64 allocates the array and each entry. count is set once the call
-// returned >= 0; every entry still held is released with the list.
-struct DirList : NoCopy {
-  struct dirent64** entries = nullptr;
-  int count = 0;
-  ~DirList() {
-    for (int i = 0; i < count; ++i) free(entries[i]);
-    free(entries);
-  }
-};
-
 #endif  // MEDIAWALK_PLATFORM_HOLDERS_H_
