@@ -264,8 +264,26 @@ void clear_error() {
 
 void set_error(const char* text) { zErrMsg = sqlite3_mprintf("%s", text); }
 
-// Sets zErrMsg from the connection after a failed call.
-void set_sqlite_error(int) { set_error(sqlite3_errmsg(db_ptr)); }
+// A full volume or a failed allocation makes SQLite roll back the open
+// transaction, and the statements after it fail one by one with their own
+// messages. One line per cause says what happened to the library.
+void report_lost_writes(int rc) {
+  static bool full_seen = false;
+  static bool nomem_seen = false;
+  bool* seen_cause = nullptr;
+  if ((rc & 0xff) == SQLITE_FULL) seen_cause = &full_seen;
+  if ((rc & 0xff) == SQLITE_NOMEM) seen_cause = &nomem_seen;
+  if (seen_cause == nullptr || *seen_cause) return;
+  *seen_cause = true;
+  const char* file = sqlite3_db_filename(db_ptr, "main");
+  printf("mediawalk(): %s: the library [%s] is incomplete\n", sqlite3_errstr(rc & 0xff), file ? file : "");
+}
+
+// Sets zErrMsg from the connection after a failed call with result rc.
+void set_sqlite_error(int rc) {
+  report_lost_writes(rc);
+  set_error(sqlite3_errmsg(db_ptr));
+}
 
 // Whitespace and nothing else: the end of one statement.
 bool only_blanks(const char* p) {
@@ -350,6 +368,7 @@ bool sql_table(const char* sql, Table* table) {
   char* err = nullptr;
   const int rc = sqlite3_get_table(db_ptr, sql, &table->cells, &table->rows, &table->cols, &err);
   if (rc != SQLITE_OK || err != nullptr) {
+    report_lost_writes(rc);
     zErrMsg = err ? err : sqlite3_mprintf("%s", sqlite3_errmsg(db_ptr));
     return false;
   }

@@ -36,7 +36,9 @@ bool sql_format(char* buf, size_t cap, const char* fmt, ...) __attribute__((form
 // Runs exactly one statement on db_ptr, like sqlite3_exec with no callback,
 // unless its values break out of their literals (see above).
 // zErrMsg is released first and left null on success; on failure it holds the
-// error text (sqlite3_mprintf memory) until the next statement.
+// error text (sqlite3_mprintf memory) until the next statement. The first
+// statement that fails because the volume is full, and the first that fails
+// for want of memory, also print a line saying the library is incomplete.
 // Returns true when zErrMsg is null afterwards.
 bool sql_exec(const char* sql);
 

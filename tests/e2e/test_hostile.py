@@ -1,7 +1,7 @@
 """End-to-end runs over shares written by an attacker: names, tags and playlist lines that close
 their quoted value and go on as SQL, shell text for the detector, special files, files swapped or
-removed while the scan runs, huge and truncated files, unreadable entries, and a SIGTERM in the
-middle of the walk. Each run must end normally with the designed outcome for every
+removed while the scan runs, huge and truncated files, unreadable entries, a full volume, and a
+SIGTERM in the middle of the walk. Each run must end normally with the designed outcome for every
 such input: a failed statement, a skipped file or a default value, and nothing more."""
 
 import os
@@ -400,6 +400,24 @@ class ValuesStayValues(HostileCase):
                              3 * sum(1 for _, _, e in ATTACKS if e == error), error)
         with open(rss_file) as f:
             self.assertLess(int(f.read()), (128 if sanitized() else 64) * 1024)
+
+
+class FullVolume(HostileCase):
+    def test_a_full_volume_is_reported_once_and_the_run_ends_as_usual(self):
+        sb = self.sb
+        for i in range(300):
+            sb.file("%03d_%s.srt" % (i, "n" * 200), b"1")
+        sb.file("list.m3u", "000.mp3\n")  # its COMMIT meets the full volume, then every table is gone
+        # A tmpfs on the mount path with room for the empty database but not for the rows.
+        sb.wrapper = ("sh", "-c", 'mount -t tmpfs -o size=256k tmpfs "$0" && exec "$@"', sb.mnt)
+        res = sb.run(timeout=60)
+        self.assertEqual(res.status, 1, res)
+        self.assertIsNone(sb.marker())
+        self.assertEqual([line for line in res.lines if line.endswith(b"-->")],
+                         [b"creat table-->", b"Scan Music -->", b"Parse playlist-->", b"Sort DBtable-->",
+                          b"Assign path_objid_tbl media-->", b"Cover old-DB table-->", b"Finish-->"])
+        self.assertEqual(res.lines.count(b"mediawalk(): database or disk is full: the library [%s] is incomplete"
+                                         % sb.db_path().encode()), 1, res)
 
 
 class ChangingShare(HostileCase):
