@@ -211,6 +211,7 @@ int run(int argc, char** argv) {
     if (result_file) fclose(result_file);
     return -1;
   }
+  sql_guard_connection();
 
   use_quick_commits();
   puts("creat table-->");

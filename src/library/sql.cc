@@ -3,21 +3,259 @@
 #include <ctype.h>
 #include <sqlite3.h>
 #include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
+#include <string.h>
+#include <strings.h>
+
+#include <string>
 
 #include "library/schema.h"
 
 Table::~Table() { sqlite3_free_table(cells); }
 
+namespace {
+
+// ---------------------------------------------------------------------------
+// Where the values of a composed text went.
+
+// Whether `len` bytes of value v may stand where the format put them: inside a
+// literal quoted with `quote`, anything but that quote; outside any literal
+// (quote 0), only a name's characters.
+bool value_fits(const char* v, size_t len, char quote) {
+  if (quote != 0) return memchr(v, quote, len) == nullptr;
+  for (size_t i = 0; i < len; ++i)
+    if (!isalnum(static_cast<unsigned char>(v[i])) && v[i] != '_') return false;
+  return true;
+}
+
+// Walks fmt as vsnprintf does, taking each argument in turn, and tells whether
+// some value does not fit where the format put it. The format's own quotes
+// open and close its literals; a doubled quote closes and reopens one, which
+// is what it means to SQL too. A conversion it does not know (such as %n)
+// counts as not fitting.
+bool some_value_breaks_out(const char* fmt, va_list ap) {
+  char quote = 0;
+  for (const char* p = fmt; *p != '\0'; ++p) {
+    if (*p != '%') {
+      if (quote == 0 && (*p == '"' || *p == '\''))
+        quote = *p;
+      else if (*p == quote)
+        quote = 0;
+      continue;
+    }
+    ++p;
+    if (*p == '%') continue;
+    while (*p != '\0' && strchr("-+ #0'", *p) != nullptr) ++p;
+    if (*p == '*') {
+      (void)va_arg(ap, int);
+      ++p;
+    }
+    while (isdigit(static_cast<unsigned char>(*p))) ++p;
+    int precision = -1;
+    if (*p == '.') {
+      ++p;
+      precision = 0;
+      if (*p == '*') {
+        precision = va_arg(ap, int);
+        ++p;
+      }
+      for (; isdigit(static_cast<unsigned char>(*p)); ++p) precision = precision * 10 + (*p - '0');
+    }
+    // Length: only the argument's size matters here.
+    char len = 0;
+    if (*p == 'h' || *p == 'l') {
+      len = *p++;
+      if (*p == len) {
+        len = len == 'l' ? 'q' : 'h';
+        ++p;
+      }
+    } else if (*p != '\0' && strchr("jztL", *p) != nullptr) {
+      len = *p++;
+    }
+    switch (*p) {
+      case 'd': case 'i': case 'u': case 'o': case 'x': case 'X':
+        if (len == 'l') (void)va_arg(ap, long);
+        else if (len == 'q') (void)va_arg(ap, long long);
+        else if (len == 'j') (void)va_arg(ap, intmax_t);
+        else if (len == 'z') (void)va_arg(ap, size_t);
+        else if (len == 't') (void)va_arg(ap, ptrdiff_t);
+        else (void)va_arg(ap, int);
+        break;
+      case 'e': case 'E': case 'f': case 'F': case 'g': case 'G': case 'a': case 'A':
+        if (len == 'L') (void)va_arg(ap, long double);
+        else (void)va_arg(ap, double);
+        break;
+      case 'p':
+        (void)va_arg(ap, void*);
+        break;
+      case 'c': {
+        const char c = static_cast<char>(va_arg(ap, int));
+        if (!value_fits(&c, 1, quote)) return true;
+        break;
+      }
+      case 's': {
+        const char* v = va_arg(ap, const char*);
+        if (v == nullptr) v = "(null)";
+        const size_t n = precision >= 0 ? strnlen(v, static_cast<size_t>(precision)) : strlen(v);
+        if (!value_fits(v, n, quote)) return true;
+        break;
+      }
+      default:
+        return true;
+    }
+    if (*p == '\0') break;
+  }
+  return false;
+}
+
+// The last few texts sql_format composed, by buffer: a statement is composed
+// and run right away, so a handful covers every caller. Only the main thread
+// composes and runs SQL.
+struct Composed {
+  const char* buf = nullptr;
+  std::string text;
+  bool breaks_out = false;
+};
+constexpr int kComposedSlots = 4;
+Composed composed[kComposedSlots];
+int next_slot = 0;
+
+void note_composed(const char* buf, bool breaks_out) {
+  Composed* slot = nullptr;
+  for (Composed& c : composed)
+    if (c.buf == buf) slot = &c;
+  if (slot == nullptr) {
+    slot = &composed[next_slot];
+    next_slot = (next_slot + 1) % kComposedSlots;
+  }
+  slot->buf = buf;
+  slot->text = buf;
+  slot->breaks_out = breaks_out;
+}
+
+// Whether sql is a text sql_format composed with a value out of its place.
+// Texts it did not compose are the program's own fixed statements.
+bool breaks_out(const char* sql) {
+  for (const Composed& c : composed)
+    if (c.buf == sql && c.text == sql) return c.breaks_out;
+  return false;
+}
+
+}  // namespace
+
 bool sql_format(char* buf, size_t cap, const char* fmt, ...) {
   va_list ap;
   va_start(ap, fmt);
+  va_list values;
+  va_copy(values, ap);
   const int n = vsnprintf(buf, cap, fmt, ap);
   va_end(ap);
+  if (cap > 0) note_composed(buf, some_value_breaks_out(fmt, values));
+  va_end(values);
   return n >= 0 && static_cast<size_t>(n) < cap;
 }
 
 namespace {
+
+// ---------------------------------------------------------------------------
+// The connection's limits.
+
+// What one statement did, as the authorizer has seen it while preparing.
+struct Seen {
+  int selects = 0;
+  bool writes = false;
+  bool creates = false;
+};
+Seen seen;
+
+// VM steps of the statement now running, and their bound.
+constexpr int kStepsPerCall = 10000;
+long long steps = 0;
+long long step_bound = kSqlStepBound;
+
+void start_statement() {
+  seen = Seen();
+  steps = 0;
+}
+
+int count_steps(void*) {
+  steps += kStepsPerCall;
+  return steps > step_bound ? 1 : 0;
+}
+
+// A table the scan creates (the names of kSchemaStatements' CREATE TABLEs).
+bool own_table(const char* name) {
+  if (name == nullptr) return false;
+  static const char kCreate[] = "CREATE TABLE ";
+  const size_t n = strlen(name);
+  for (const char* statement : kSchemaStatements) {
+    if (strncmp(statement, kCreate, sizeof kCreate - 1) != 0) continue;
+    const char* table = statement + sizeof kCreate - 1;
+    if (strncmp(table, name, n) == 0 && table[n] == ' ') return true;
+  }
+  return false;
+}
+
+bool one_of(const char* text, const char* const* names) {
+  for (; text != nullptr && *names != nullptr; ++names)
+    if (strcasecmp(text, *names) == 0) return true;
+  return false;
+}
+
+bool schema_table(const char* name) { return name != nullptr && strcmp(name, "sqlite_master") == 0; }
+
+// Allows what the scan's statements do and denies everything else: CREATE of
+// its tables and their indexes (which write and read the schema table),
+// INSERT and UPDATE of its tables without any SELECT in them, one SELECT of
+// its tables, the functions its SELECTs call, transactions and two pragmas.
+int authorize(void*, int action, const char* a, const char* b, const char*, const char*) {
+  static const char* const kFunctions[] = {"count", "upper", "lower", "substr", "like", nullptr};
+  static const char* const kPragmas[] = {"synchronous", "journal_mode", nullptr};
+  bool ok = false;
+  switch (action) {
+    case SQLITE_CREATE_TABLE:
+    case SQLITE_CREATE_INDEX:
+      ok = seen.creates = own_table(action == SQLITE_CREATE_TABLE ? a : b);
+      break;
+    case SQLITE_INSERT:
+    case SQLITE_UPDATE:
+      // A CREATE inserts its row into the schema table before it names what
+      // it creates; SQLite itself refuses any other write of that table.
+      if (schema_table(a)) {
+        ok = action == SQLITE_INSERT || seen.creates;
+        break;
+      }
+      seen.writes = true;
+      ok = seen.selects == 0 && own_table(a);
+      break;
+    case SQLITE_SELECT:
+      ok = ++seen.selects == 1 && !seen.writes;
+      break;
+    case SQLITE_READ:
+      ok = own_table(a) || (schema_table(a) && seen.creates);
+      break;
+    case SQLITE_REINDEX:
+      ok = seen.creates;
+      break;
+    case SQLITE_FUNCTION:
+      ok = one_of(b, kFunctions);
+      break;
+    case SQLITE_TRANSACTION:
+      ok = true;
+      break;
+    case SQLITE_PRAGMA:
+      ok = one_of(a, kPragmas);
+      break;
+    default:
+      break;
+  }
+  return ok ? SQLITE_OK : SQLITE_DENY;
+}
+
+// ---------------------------------------------------------------------------
+// Running one statement.
 
 void clear_error() {
   sqlite3_free(zErrMsg);
@@ -25,6 +263,27 @@ void clear_error() {
 }
 
 void set_error(const char* text) { zErrMsg = sqlite3_mprintf("%s", text); }
+
+// A full volume or a failed allocation makes SQLite roll back the open
+// transaction, and the statements after it fail one by one with their own
+// messages. One line per cause says what happened to the library.
+void report_lost_writes(int rc) {
+  static bool full_seen = false;
+  static bool nomem_seen = false;
+  bool* seen_cause = nullptr;
+  if ((rc & 0xff) == SQLITE_FULL) seen_cause = &full_seen;
+  if ((rc & 0xff) == SQLITE_NOMEM) seen_cause = &nomem_seen;
+  if (seen_cause == nullptr || *seen_cause) return;
+  *seen_cause = true;
+  const char* file = sqlite3_db_filename(db_ptr, "main");
+  printf("mediawalk(): %s: the library [%s] is incomplete\n", sqlite3_errstr(rc & 0xff), file ? file : "");
+}
+
+// Sets zErrMsg from the connection after a failed call with result rc.
+void set_sqlite_error(int rc) {
+  report_lost_writes(rc);
+  set_error(sqlite3_errmsg(db_ptr));
+}
 
 // Whitespace and nothing else: the end of one statement.
 bool only_blanks(const char* p) {
@@ -34,12 +293,16 @@ bool only_blanks(const char* p) {
 }
 
 // Prepares the first statement of sql. Fails (with zErrMsg set) when it does
-// not prepare or when anything but blanks follows it.
+// not prepare, when anything but blanks follows it, or when a value of it
+// left its literal: such a text is never run.
 sqlite3_stmt* prepare_one(const char* sql) {
+  const bool value_out = breaks_out(sql);
   sqlite3_stmt* stmt = nullptr;
   const char* tail = nullptr;
-  if (sqlite3_prepare_v2(db_ptr, sql, -1, &stmt, &tail) != SQLITE_OK) {
-    set_error(sqlite3_errmsg(db_ptr));
+  start_statement();
+  const int rc = sqlite3_prepare_v2(db_ptr, sql, -1, &stmt, &tail);
+  if (rc != SQLITE_OK) {
+    set_sqlite_error(rc);
     sqlite3_finalize(stmt);
     return nullptr;
   }
@@ -48,11 +311,28 @@ sqlite3_stmt* prepare_one(const char* sql) {
     set_error("more than one statement in one text; none of it was run");
     return nullptr;
   }
+  if (value_out) {
+    sqlite3_finalize(stmt);
+    set_error("a value closes its quotes and goes on as SQL; the statement was not run");
+    return nullptr;
+  }
   if (stmt == nullptr) set_error("no statement in the text");
   return stmt;
 }
 
 }  // namespace
+
+void sql_guard_connection(long long max_steps) {
+  if (db_ptr == nullptr) return;
+  step_bound = max_steps;
+  (void)sqlite3_db_config(db_ptr, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  (void)sqlite3_db_config(db_ptr, SQLITE_DBCONFIG_ENABLE_FTS3_TOKENIZER, 0, nullptr);
+  (void)sqlite3_db_config(db_ptr, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+  (void)sqlite3_limit(db_ptr, SQLITE_LIMIT_LENGTH, kSqlValueLimit);
+  (void)sqlite3_limit(db_ptr, SQLITE_LIMIT_ATTACHED, 0);
+  (void)sqlite3_set_authorizer(db_ptr, authorize, nullptr);
+  sqlite3_progress_handler(db_ptr, kStepsPerCall, count_steps, nullptr);
+}
 
 bool sql_exec(const char* sql) {
   clear_error();
@@ -65,7 +345,7 @@ bool sql_exec(const char* sql) {
   int rc;
   while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
   }
-  if (rc != SQLITE_DONE) set_error(sqlite3_errmsg(db_ptr));
+  if (rc != SQLITE_DONE) set_sqlite_error(rc);
   sqlite3_finalize(stmt);
   return zErrMsg == nullptr;
 }
@@ -84,9 +364,11 @@ bool sql_table(const char* sql, Table* table) {
   sqlite3_stmt* stmt = prepare_one(sql);
   if (stmt == nullptr) return false;
   sqlite3_finalize(stmt);
+  start_statement();
   char* err = nullptr;
-  if (sqlite3_get_table(db_ptr, sql, &table->cells, &table->rows, &table->cols, &err) != SQLITE_OK ||
-      err != nullptr) {
+  const int rc = sqlite3_get_table(db_ptr, sql, &table->cells, &table->rows, &table->cols, &err);
+  if (rc != SQLITE_OK || err != nullptr) {
+    report_lost_writes(rc);
     zErrMsg = err ? err : sqlite3_mprintf("%s", sqlite3_errmsg(db_ptr));
     return false;
   }

@@ -1,8 +1,8 @@
-"""End-to-end runs over shares written by an attacker: names, tags and playlist lines that try to
-close their quoted value and run a second statement, shell text for the detector, special files,
-files swapped or removed while the scan runs, huge and truncated files, unreadable entries, and a
-SIGTERM in the middle of the walk. Each run must end normally with the program's usual outcome for
-every such input: a failed statement, a skipped file or a default value, and nothing more."""
+"""End-to-end runs over shares written by an attacker: names, tags and playlist lines that close
+their quoted value and go on as SQL, shell text for the detector, special files, files swapped or
+removed while the scan runs, huge and truncated files, unreadable entries, a full volume, and a
+SIGTERM in the middle of the walk. Each run must end normally with the program's usual outcome for every
+such input: a failed statement, a skipped file or a default value, and nothing more."""
 
 import os
 import re
@@ -323,30 +323,101 @@ class InjectedTexts(HostileCase):
         limit_mib = 128 if sanitized() else 64
         self.assertLess(peak_kib, limit_mib * 1024, "peak resident size %d KiB" % peak_kib)
 
-    def test_texts_stored_with_quotes_reach_the_later_phases(self):
-        # A doubled quote is one quote inside the value, so these rows go in; the stored quote
-        # then tries to end the values of the flags' LIKE statement and of a sorted-table row.
-        sb = self.sb
-        folder = 'k"" limit 0,1; DROP TABLE photo_sortidx_tbl; --/'
-        sb.file(folder + "song.mp3", AUDIO)
-        artist = closing(4, "DROP TABLE music_sortAlb_tbl")
-        sb.file("art.mp3", tagged(TPE1=artist.replace('"', '""')))
-        res = sb.run()
-        self.assert_outcome(res)
-        stored = (sb.share + folder.replace('""', '"')).encode()
-        self.assertEqual(self.items("music_tbl"), {(sb.share.encode(), b"art.mp3"), (stored, b"song.mp3")})
-        self.assertIn(artist.encode(), [a for a, in sb.rows("music_tbl", columns="Artist")])
 
-        out = res.stdout
-        self.assertIn(b"6sort_dbtable():SQL query Error[" + MORE_THAN_ONE, out)
-        self.assertIn(b"\nSort DBtable fail\n", out)
-        self.assertEqual(sb.rows("music_sortArt_tbl"), [(b"Others", b"1", b"3050000000001", 0, 0)])
-        self.assertEqual(sb.rows("music_sortAlb_tbl"), [])
-        self.assertRegex(out, rb"\n2Assign_pathtbl_media\(\):sql query\[select COUNT\(No\) from music_tbl where "
-                              rb"UTF_Path like\"[^\n]*\" limit 0,1;\] error\[" + MORE_THAN_ONE)
-        self.assertIn(b"\nAssign path_objid_tbl media fail\n", out)
-        self.assertEqual(sb.rows("path_objid_tbl", columns="path, have_video, have_music, have_photo"),
-                         [(sb.share.encode(), b"0", b"1", b"0"), (stored, b"0", b"0", b"0")])
+# Texts that close their double-quoted value and go on as SQL without any ";", each as seen
+# against the scan. A forged row ends the INSERT's row (`after` values follow the text in it) and
+# adds one of `table`: a playlist /tmp/o.m3u (the blob is "/tmp/") or a folder row; in a look-up
+# (table None) it adds a result row. Each runs nothing; the error is the one its statement prints.
+# Tag texts arrive cut to some 128 bytes, hence the short values.
+NOT_RUN = b"a value closes its quotes and goes on as SQL; the statement was not run"
+FORGED = {"music_tbl": "NULL,x'2f746d702f','o.m3u',0,0,'m3u'" + ",0" * 17,
+          "path_objid_tbl": "x'2f746d702f'" + ",0" * 6}
+ATTACKS = [
+    ("recursive", lambda table, after: 'a"||(with recursive c(n) as (select 1 union all select n+1 from c) '
+                                       'select count(*) from c)||"', b"not authorized"),
+    ("zeroblob", lambda table, after: 'a"||zeroblob(300000000)||"', b"not authorized to use function: zeroblob"),
+    ("schema", lambda table, after: 'a"||(select sql from sqlite_master)||"',
+     b"access to sqlite_master.sql is prohibited"),
+    ("tokenizer", lambda table, after: 'a"||fts3_tokenizer("simple")||"',
+     b"not authorized to use function: fts3_tokenizer"),
+    ("forged", lambda table, after: 'x"%s),(%s)--' % (",0" * after, FORGED[table]) if table
+     else 'x" union select 7 --', b"not authorized"),
+    ("doubled", lambda table, after: 'k""x', NOT_RUN),
+]
+# Carrier: (the table its INSERT fills, values after the text in it); the m3u line is looked up.
+CARRIERS = {"file": ("music_tbl", 20), "folder": ("path_objid_tbl", 6), "artist": ("music_tbl", 13),
+            "album": ("music_tbl", 12), "m3u": (None, 0)}
+
+
+class ValuesStayValues(HostileCase):
+    def test_values_that_go_on_as_sql_run_nothing(self):
+        sb = self.sb
+        sb.file("o.m3u", "SECRET.mp3\n", base=sb.tmp)
+        cases = []
+        for attack, text_for, error in ATTACKS:
+            for carrier, (table, after) in CARRIERS.items():
+                folder, text = "%s_%s/" % (attack, carrier), text_for(table, after)
+                cases.append((folder, carrier, text, error))
+                if carrier == "file":
+                    sb.file(folder + text + ".mp3")
+                elif carrier == "folder":
+                    sb.file(folder + text + "/a.srt", b"1")
+                elif carrier == "m3u":
+                    sb.file(folder + "ok.mp3")
+                    sb.file(folder + "list.m3u", text + ".mp3\nok.mp3\n")
+                else:
+                    sb.file(folder + "song.mp3", tagged(**{"TPE1" if carrier == "artist" else "TALB": text}))
+        rss_file = sb.path("log", "maxrss")
+        with open(sb.path("bin", "rss.py"), "w") as f:
+            f.write(RSS_WRAPPER)
+        sb.wrapper = (sys.executable, sb.path("bin", "rss.py"), rss_file)
+        res = sb.run(timeout=60)
+        self.assert_outcome(res)
+        out, share = res.stdout, sb.share.encode()
+        self.assertNotIn(b"SECRET", out)
+        self.assertEqual(out.count(b"2scan file fail\n"), 4 * len(ATTACKS))
+        self.assertEqual(out.count(b"parser_playlist():3Execute SQL query Error\n"), len(ATTACKS))
+        self.assertEqual(sorted(sb.rows("path_objid_tbl", columns="path")),
+                         sorted([(share,)] + [(share + f.encode(),) for f, _, _, _ in cases]))
+        self.assertEqual(sb.rows("video_tbl"), [])
+        no = dict((p + n, v) for v, p, n in sb.rows("music_tbl", columns="No, Real_Path, Real_fname"))
+        pls = dict(sb.query("select Real_Path, PlsFile from music_tbl where EXT_fname = 'm3u'"))
+        for folder, carrier, text, error in cases:
+            with self.subTest(folder):
+                path = share + folder.encode()
+                if carrier == "m3u":
+                    self.assertEqual(sorted(k for k in no if k.startswith(path)),
+                                     [path + b"list.m3u", path + b"ok.mp3"])
+                    self.assertEqual(pls[path], no[path + b"ok.mp3"] + b",")
+                    continue
+                self.assertFalse([k for k in no if k.startswith(path)])
+                if carrier == "folder":
+                    self.assertRegex(out, rb"\nScanMusic\(\):execute sql query\[insert into path_objid_tbl values "
+                                     rb"\(\"" + re.escape(path + text.encode()) + rb"/\".*\] error\["
+                                     + re.escape(error) + rb"\]\n")
+        for _, _, error in ATTACKS:
+            self.assertEqual(out.count(b"1ScanMusic():execute sql query error[%s]\n" % error),
+                             3 * sum(1 for _, _, e in ATTACKS if e == error), error)
+        with open(rss_file) as f:
+            self.assertLess(int(f.read()), (128 if sanitized() else 64) * 1024)
+
+
+class FullVolume(HostileCase):
+    def test_a_full_volume_is_reported_once_and_the_run_ends_as_usual(self):
+        sb = self.sb
+        for i in range(300):
+            sb.file("%03d_%s.srt" % (i, "n" * 200), b"1")
+        sb.file("list.m3u", "000.mp3\n")  # its COMMIT meets the full volume, then every table is gone
+        # A tmpfs on the mount path with room for the empty database but not for the rows.
+        sb.wrapper = ("sh", "-c", 'mount -t tmpfs -o size=256k tmpfs "$0" && exec "$@"', sb.mnt)
+        res = sb.run(timeout=60)
+        self.assertEqual(res.status, 1, res)
+        self.assertIsNone(sb.marker())
+        self.assertEqual([line for line in res.lines if line.endswith(b"-->")],
+                         [b"creat table-->", b"Scan Music -->", b"Parse playlist-->", b"Sort DBtable-->",
+                          b"Assign path_objid_tbl media-->", b"Cover old-DB table-->", b"Finish-->"])
+        self.assertEqual(res.lines.count(b"mediawalk(): database or disk is full: the library [%s] is incomplete"
+                                         % sb.db_path().encode()), 1, res)
 
 
 class ChangingShare(HostileCase):
