@@ -157,6 +157,27 @@ bool sql_format(char* buf, size_t cap, const char* fmt, ...) {
   return n >= 0 && static_cast<size_t>(n) < cap;
 }
 
+bool sql_format_row(char* buf, size_t cap, const char* table, const char* const* values, size_t count) {
+  std::string text = "insert into ";
+  text += table;
+  text += " values (";
+  bool out_of_place = !value_fits(table, strlen(table), 0);
+  for (size_t i = 0; i < count; ++i) {
+    if (i > 0) text += ',';
+    text += '"';
+    text += values[i];
+    text += '"';
+    out_of_place = out_of_place || strchr(values[i], '"') != nullptr;
+  }
+  text += ");";
+  if (cap == 0) return false;
+  const size_t n = text.size() < cap ? text.size() : cap - 1;
+  memcpy(buf, text.data(), n);
+  buf[n] = '\0';
+  note_composed(buf, out_of_place);
+  return text.size() < cap;
+}
+
 namespace {
 
 // ---------------------------------------------------------------------------

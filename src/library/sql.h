@@ -33,6 +33,12 @@ struct Table : NoCopy {
 // sql_table look this up for the same buffer with the same text.
 bool sql_format(char* buf, size_t cap, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 
+// Formats `insert into <table> values ("v0","v1",...);` into buf[cap]: every
+// value in double quotes, separated by commas, as sql_format would from the
+// matching format, and noted the same way (a value holding '"' breaks out).
+// Returns false if it was cut.
+bool sql_format_row(char* buf, size_t cap, const char* table, const char* const* values, size_t count);
+
 // Runs exactly one statement on db_ptr, like sqlite3_exec with no callback,
 // unless its values break out of their literals (see above).
 // zErrMsg is released first and left null on success; on failure it holds the

@@ -43,8 +43,6 @@ constexpr size_t kItemSqlSize = 4096;
 constexpr size_t kTagBound = 256;   // title, artist, album
 constexpr size_t kGenreBound = 30;
 constexpr size_t kTimeSize = 128;
-// The class columns of a music row: three tags, the genre and a few numbers.
-constexpr size_t kColumnsSize = 1024;
 
 struct QueueNode {
   char path[kFolderPathSize];
@@ -130,37 +128,58 @@ struct MusicInfoRelease {
 // video_tbl; music_tbl has a PlsFile column after layer.
 struct ItemRows {
   const char* table;
-  const char* pls_file;  // "\"0\"," for music_tbl, else empty
-  int32_t* row;          // row number, advanced once a row went in
-  uint64_t* objid;       // the class's identifier counter
-  char step;             // the digit that begins the failure line
+  bool pls_file;   // music_tbl's PlsFile column, always "0"
+  int32_t* row;    // row number, advanced once a row went in
+  uint64_t* objid; // the class's identifier counter
+  char step;       // the digit that begins the failure line
 };
 
-const ItemRows kMusicRows = {"music_tbl", "\"0\",", &music_row, &init_objid.music_file_objid, '1'};
-const ItemRows kPhotoRows = {"photo_tbl", "", &photo_row, &init_objid.photo_file_objid, '2'};
-const ItemRows kVideoRows = {"video_tbl", "", &video_row, &init_objid.video_file_objid, '3'};
-const ItemRows kPlaylistRows = {"music_tbl", "\"0\",", &music_row, &init_objid.music_file_objid, '4'};
-const ItemRows kSubtitleRows = {"video_tbl", "", &video_row, &init_objid.video_file_objid, '3'};
+const ItemRows kMusicRows = {"music_tbl", true, &music_row, &init_objid.music_file_objid, '1'};
+const ItemRows kPhotoRows = {"photo_tbl", false, &photo_row, &init_objid.photo_file_objid, '2'};
+const ItemRows kVideoRows = {"video_tbl", false, &video_row, &init_objid.video_file_objid, '3'};
+const ItemRows kPlaylistRows = {"music_tbl", true, &music_row, &init_objid.music_file_objid, '4'};
+const ItemRows kSubtitleRows = {"video_tbl", false, &video_row, &init_objid.video_file_objid, '3'};
+
+// The class's own columns of one row, between the common ones and layer.
+constexpr size_t kMaxClassColumns = 8;
+struct ClassColumns {
+  const char* values[kMaxClassColumns];
+  size_t count;
+};
 
 // Playlists and subtitles carry nothing of their own: "0" from Genre (music)
 // or Width (video) through Comments. Playlist resolution and the sorted
 // tables find playlists by their extension.
-constexpr char kNoColumns[] = "\"0\",\"0\",\"0\",\"0\",\"0\",\"0\",\"0\",\"0\"";
+const ClassColumns kNoColumns = {{"0", "0", "0", "0", "0", "0", "0", "0"}, 8};
 
-// Inserts the row of one item: the common columns, then `columns` (the
-// class's own, quoted and comma-separated), layer, the identifier and the
-// folder's. False when the statement failed, after its failure line.
-bool insert_item(const ItemRows& rows, const Item& item, const char* columns) {
+// A number as the text it is stored as.
+struct NumberText {
+  char text[24];
+  explicit NumberText(long long v) { snprintf(text, sizeof text, "%lld", v); }
+};
+
+// Inserts the row of one item: the common columns, then the class's own,
+// layer, the identifier and the folder's. False when the statement failed,
+// after its failure line.
+bool insert_item(const ItemRows& rows, const Item& item, const ClassColumns& columns) {
   // Taken before the statement runs: a failed row still uses up its identifier.
-  const unsigned long long objid = take_objid(rows.objid);
+  const NumberText objid(static_cast<long long>(take_objid(rows.objid)));
+  const NumberText parent(static_cast<long long>(folder_objid()));
+  const NumberText row(*rows.row);
+  const NumberText size(static_cast<long long>(item.size));
+  const NumberText layer(item.layer);
+  const char* values[8 + kMaxClassColumns + 7];
+  size_t n = 0;
+  for (const char* v : {row.text, item.folder, item.name, item.folder, item.name, item.media->ext,
+                        static_cast<const char*>(item.time), size.text})
+    values[n++] = v;
+  for (size_t i = 0; i < columns.count; ++i) values[n++] = columns.values[i];
+  values[n++] = layer.text;
+  if (rows.pls_file) values[n++] = "0";
+  for (const char* v : {objid.text, parent.text, "0", "0", "0"}) values[n++] = v;
   char sql[kItemSqlSize];
-  memset(sql, 0, sizeof sql);
   // A statement cut at the buffer's end fails in SQLite like any other bad row.
-  (void)sql_format(sql, sizeof sql,
-                   "insert into %s values (\"%d\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%s\",\"%llu\",%s,"
-                   "\"%d\",%s\"%llu\",\"%llu\",\"0\",\"0\",\"0\");",
-                   rows.table, *rows.row, item.folder, item.name, item.folder, item.name, item.media->ext,
-                   item.time, item.size, columns, item.layer, rows.pls_file, objid, folder_objid());
+  (void)sql_format_row(sql, sizeof sql, rows.table, values, n);
   if (!sql_exec(sql)) {
     printf("%cScanMusic():execute sql query error[%s]\n", rows.step, zErrMsg);
     return false;
@@ -222,9 +241,9 @@ bool scan_music_file(const Item& item) {
     music_info.bitrate = 0;
   }
 
-  char columns[kColumnsSize];
-  (void)sql_format(columns, sizeof columns, "\"%s\",\"%s\",\"%s\",\"%s\",\"%u\",\"0\",\"0\",\"0\"", work.genre,
-                   work.artist, work.album, work.title, static_cast<unsigned>(music_info.bitrate));
+  const NumberText bitrate(static_cast<unsigned>(music_info.bitrate));
+  const ClassColumns columns = {
+      {work.genre, work.artist, work.album, work.title, bitrate.text, "0", "0", "0"}, 8};
   if (!insert_item(kMusicRows, item, columns)) return false;
   if (work.genre[0] == '\0') printf("<file>path %s, namelist[i]->d_name %s\n", item.folder, item.name);
   return true;
@@ -235,9 +254,8 @@ bool scan_photo_file(const Item& item) {
   memset(&image, 0, sizeof image);
   copy_bounded(image.path, item.path);
   if (get_img_size(&image) == 0) return true;  // not measurable: counted, but no row
-  char columns[kColumnsSize];
-  (void)sql_format(columns, sizeof columns, "\"%d\",\"%d\",\"%d\",\"0\",\"0\",\"0\"", image.width, image.height,
-                   image.depth);
+  const NumberText width(image.width), height(image.height), depth(image.depth);
+  const ClassColumns columns = {{width.text, height.text, depth.text, "0", "0", "0"}, 6};
   return insert_item(kPhotoRows, item, columns);
 }
 
@@ -249,9 +267,8 @@ bool scan_video_file(const Item& item) {
   (void)get_video_info(item.path, &video);
   // Format_type holds the television system, not the MPEG version: the media
   // server reads it so.
-  char columns[kColumnsSize];
-  (void)sql_format(columns, sizeof columns, "\"%d\",\"%d\",\"0\",\"%d\",\"0\",\"0\",\"0\",\"0\"", video.width,
-                   video.height, video.tv_system);
+  const NumberText width(video.width), height(video.height), tv_system(video.tv_system);
+  const ClassColumns columns = {{width.text, height.text, "0", tv_system.text, "0", "0", "0", "0"}, 8};
   return insert_item(kVideoRows, item, columns);
 }
 
