@@ -28,6 +28,7 @@
 #include "library/sql.h"
 #include "library/walk.h"
 #include "platform/holders.h"
+#include "platform/spawn.h"
 #include "platform/text.h"
 #include "platform/xmldb.h"
 
@@ -47,6 +48,7 @@ extern "C" void on_terminate(int) {
   static const char kMessage[] = "mediawalk(): terminate\n";
   ssize_t ignored = write(STDOUT_FILENO, kMessage, sizeof kMessage - 1);
   (void)ignored;
+  kill_running_helper();
   unlink(kMarker);
   _exit(0);
 }
