@@ -507,7 +507,7 @@ class Termination(HostileCase):
             try:
                 if not harness.wait_for(lambda: os.path.exists(held) or proc.poll() is not None, timeout=60):
                     return
-                seen["marker"] = sb.marker()
+                seen["marker"], seen["pid"] = sb.marker(), proc.pid
                 os.kill(proc.pid, signal.SIGTERM)
                 harness.wait_for(lambda: harness.process_state(proc.pid) in (None, "Z"), timeout=30)
                 with open(held) as f:
@@ -520,6 +520,7 @@ class Termination(HostileCase):
 
         res = sb.run(during=terminate_when_held, timeout=90)
         self.assertIsNotNone(seen.get("marker"), "the run was not held with its marker in place")
+        self.assertIn(b"%d" % seen["pid"], seen["marker"].split())  # what pidof printed
         self.assertTrue(seen["detector"], "the detector outlived the scan")
         self.assertEqual(res.status, 0, res)
         self.assertEqual(res.lines[-1], b"mediawalk(): terminate")
