@@ -107,6 +107,7 @@ const Lookup* resolve(const char* program) {
 volatile sig_atomic_t running_group = 0;
 
 timespec after_ms(int ms) {
+  if (ms < 0) ms = 0;
   timespec t;
   clock_gettime(CLOCK_MONOTONIC, &t);
   t.tv_sec += ms / 1000;
