@@ -395,7 +395,10 @@ class Database(SandboxTestCase):
             ("no trailing slash", sb0.mnt[:-1], sb0.mnt[:-1] + ".systemfile/.upnpav-db/upnpav.db"),
             ("double slash", sb0.mnt + "/", sb0.mnt + "/.systemfile/.upnpav-db/upnpav.db"),
             ("cut at 127 bytes", long_dir + "cut/", long_dir + ".systemfile/.upnpav-db/upnpav.db"),
+            # A link the configured mount path goes through is the appliance's own: followed.
+            ("through a link", sb0.path("mntlink") + "/", sb0.mnt + ".systemfile/.upnpav-db/upnpav.db"),
         ]
+        os.symlink(sb0.mnt, sb0.path("mntlink"))
         for name, mntpath, db in cases:
             with self.subTest(name):
                 for stale in (sb0.mnt + ".systemfile", sb0.mnt[:-1] + ".systemfile", long_dir + ".systemfile"):
