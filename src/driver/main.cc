@@ -7,6 +7,7 @@
 // passed over; only failures before the database exists end the run early.
 #include <dirent.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <stdio.h>
@@ -16,6 +17,9 @@
 #include <unistd.h>
 
 #include <pthread.h>
+
+#include <set>
+#include <string>
 
 #include "driver/config.h"
 #include "driver/progress.h"
@@ -27,7 +31,9 @@
 #include "library/sort.h"
 #include "library/sql.h"
 #include "library/walk.h"
+#include "platform/command.h"
 #include "platform/holders.h"
+#include "platform/spawn.h"
 #include "platform/text.h"
 #include "platform/xmldb.h"
 
@@ -47,6 +53,7 @@ extern "C" void on_terminate(int) {
   static const char kMessage[] = "mediawalk(): terminate\n";
   ssize_t ignored = write(STDOUT_FILENO, kMessage, sizeof kMessage - 1);
   (void)ignored;
+  kill_running_helper();
   unlink(kMarker);
   _exit(0);
 }
@@ -60,11 +67,61 @@ void install_termination_handler() {
   sigaction(SIGTERM, &sa, nullptr);
 }
 
+// True when path (a trailing slash aside) is a symbolic link; the run says
+// so once per path. Anyone may plant one in /tmp, and anyone who can write
+// to the volume's top folder one at the database folder, to have root write
+// through it; such a link is never followed.
+bool said_is_link(const char* path) {
+  static std::set<std::string> said;
+  std::string bare(path);
+  if (bare.size() > 1 && bare.back() == '/') bare.pop_back();
+  struct stat st;
+  if (lstat(bare.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return false;
+  if (said.insert(bare).second) printf("mediawalk(): %s is a symbolic link, not followed\n", bare.c_str());
+  return true;
+}
+
+// Opens one of the fixed files under /tmp with flags, as a shell redirection
+// or fopen would (mode 0666 less the umask) but never through a link, and
+// without waiting for a reader when someone put a FIFO there.
+int open_fixed(const char* path, int flags) {
+  const int fd = open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (fd < 0) (void)said_is_link(path);  // whichever error the kernel gives for it
+  if (fd >= 0) (void)fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  return fd;
+}
+
+// fopen(path, "w") without following a link.
+FILE* create_fixed(const char* path) {
+  Fd fd(open_fixed(path, O_WRONLY | O_CREAT | O_TRUNC));
+  FILE* f = fd.fd < 0 ? nullptr : fdopen(fd.fd, "w");
+  if (f != nullptr) fd.release();
+  return f;
+}
+
 // The same line twice, deliberately: the web interface reads it so.
 void write_progress_file(int32_t total, int32_t scanned, int done) {
-  UniqueFile f(fopen(kProgressFile, "w"));
+  UniqueFile f(create_fixed(kProgressFile));
   if (!f) return;
   for (int i = 0; i < 2; ++i) fprintf(f.get(), "%d,%d,%d\n", total, scanned, done);
+}
+
+// Opens the database with SQLite refusing a link anywhere on the path it is
+// given. That path is the configured one with the folder holding the system
+// folder resolved first: links the mount path itself goes through are the
+// appliance's own, and are followed as the folder checks follow them.
+int open_database(const char* db_file, const char* mount_path) {
+  // db_file is the mount path text followed by the folder and file names.
+  const char* slash = strrchr(mount_path, '/');
+  const size_t kept = slash == nullptr ? 0 : size_t(slash + 1 - mount_path);
+  const std::string parent = kept == 0 ? "." : std::string(mount_path, kept);
+  char real[PATH_MAX];
+  if (realpath(parent.c_str(), real) == nullptr) return SQLITE_CANTOPEN;
+  std::string path = real;
+  if (path.back() != '/') path += '/';
+  path += db_file + kept;
+  return sqlite3_open_v2(path.c_str(), &db_ptr, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW,
+                         nullptr);
 }
 
 bool can_open_folder(const char* path) {
@@ -101,9 +158,10 @@ void close_database(const char* db_file, const char* db_folder) {
   (void)sql_exec("PRAGMA journal_mode=DELETE;");
   sqlite3_close(db_ptr);
   db_ptr = nullptr;
-  const char* const paths[] = {db_file, db_folder};
+  const std::string folder(db_folder, strlen(db_folder) - 1);  // O_NOFOLLOW needs no trailing slash
+  const char* const paths[] = {db_file, folder.c_str()};
   for (const char* path : paths) {
-    Fd fd(open(path, O_RDONLY | O_CLOEXEC));
+    Fd fd(open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (fd.fd >= 0) (void)fsync(fd.fd);
   }
 }
@@ -116,12 +174,6 @@ void close_database(const char*, const char*) {
 }
 #endif
 
-void remove_marker_by_shell() {
-  // The shell's status is not examined, as nothing more can be done here.
-  int status = system("rm /tmp/mediawalking.tmp");
-  (void)status;
-}
-
 int run(int argc, char** argv) {
   (void)argc;  // the configuration always comes from /etc/upnpav.conf
   install_termination_handler();
@@ -130,16 +182,23 @@ int run(int argc, char** argv) {
 
   if (strcmp(global_cdata.sd_status, "inactive") == 0) return 1;
 
-  if (access(kMarker, R_OK) == 0) {
-    puts("mediawalking");
-    return -1;
+  {
+    // A marker that is a link is not looked through: it counts as one that
+    // cannot be created, below.
+    Fd marker(open(kMarker, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (marker.fd >= 0) {
+      puts("mediawalking");
+      return -1;
+    }
   }
   {
-    int status = system("pidof mediawalk > /tmp/mediawalking.tmp");
-    (void)status;
+    // What "pidof mediawalk > /tmp/mediawalking.tmp" did, without a shell.
+    Fd marker(open_fixed(kMarker, O_WRONLY | O_CREAT | O_EXCL));
+    const char* const pidof[] = {"pidof", "mediawalk", nullptr};
+    if (marker.fd >= 0) (void)run_program(pidof, marker.fd);
   }
   write_progress_file(0, 0, 0);
-  result_file = fopen(kResultFile, "w");
+  result_file = create_fixed(kResultFile);
 
   codepage = CodePageType();
   if (codepage == 0) {
@@ -155,7 +214,7 @@ int run(int argc, char** argv) {
   copy_bounded(sharefolder, global_cdata.sharepath);
 
   if (!can_open_folder(mount_path)) {
-    remove_marker_by_shell();
+    unlink(kMarker);
     return -1;
   }
   // The folder is glued to the mount path without a separator, so a mount
@@ -168,7 +227,7 @@ int run(int argc, char** argv) {
   {
     UniqueDir share(opendir(sharefolder));
     if (!share) {
-      remove_marker_by_shell();
+      unlink(kMarker);
       return -1;
     }
     if (Cnt_total_file(sharefolder, share.get()) == 0) {
@@ -180,14 +239,20 @@ int run(int argc, char** argv) {
 
   if (!can_open_folder(mount_path)) {
     puts("<mediawalk> \"/mnt/HD_a4\" not found");
-    remove_marker_by_shell();
+    unlink(kMarker);
     return -1;
   }
-  if (can_open_folder(system_folder)) {
-    if (!can_open_folder(db_folder)) mkdir(db_folder, 0700);
-  } else {
-    mkdir(system_folder, 0700);
-    mkdir(db_folder, 0700);
+  // A link anywhere from the system folder to the journal is not followed:
+  // nothing is made or deleted through it, and the run ends as it does when
+  // the database cannot be opened.
+  bool link_on_path = said_is_link(system_folder) || said_is_link(db_folder);
+  if (!link_on_path) {
+    if (can_open_folder(system_folder)) {
+      if (!can_open_folder(db_folder)) mkdir(db_folder, 0700);
+    } else {
+      mkdir(system_folder, 0700);
+      mkdir(db_folder, 0700);
+    }
   }
 
   char db_file[512];
@@ -195,12 +260,15 @@ int run(int argc, char** argv) {
   // The mount path is at most 127 bytes, so both names fit with room to spare.
   const int n = snprintf(db_file, sizeof db_file, "%supnpav.db", db_folder);
   if (n < 0 || snprintf(journal_file, sizeof journal_file, "%s-journal", db_file) < 0) return -1;
-  remove(db_file);
-  remove(journal_file);
+  link_on_path = link_on_path || said_is_link(db_file) || said_is_link(journal_file);
+  if (!link_on_path) {
+    remove(db_file);
+    remove(journal_file);
+  }
   puts("SQLite db file create\r");
 
   use_single_thread_sqlite();
-  if (sqlite3_open(db_file, &db_ptr) != SQLITE_OK) {
+  if (link_on_path || open_database(db_file, mount_path) != SQLITE_OK) {
     printf("1mediawalk():Open DB fail[%s]\n", db_file);
     unlink(kMarker);
     if (result_file) fclose(result_file);
@@ -263,8 +331,8 @@ int run(int argc, char** argv) {
 
   puts("Cover old-DB table-->");
   {
-    int status = system("date");
-    (void)status;
+    const char* const date[] = {"date", nullptr};
+    (void)run_program(date, -1);
   }
   printf("\n");
 
@@ -290,8 +358,8 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Line-buffered so that the shell commands' output and a termination
-  // message land in order with ours.
+  // Line-buffered so that the output of date and a termination message land
+  // in order with ours.
   setvbuf(stdout, nullptr, _IOLBF, 0);
   return run(argc, argv);
 }

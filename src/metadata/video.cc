@@ -144,9 +144,27 @@ int find_headers(int fd, off_t file_size, const char* path, StreamHeaders* h) {
     // A stop at index 0 leaves the block where it was, but the next scan
     // then begins 4 bytes on; each stage ends once, so the search advances.
     block += off_t(stop);
-    if (block > kSearchLimit && block > file_size / 120) {
+    const off_t limit = file_size / 120 > kSearchLimit ? file_size / 120 : kSearchLimit;
+    if (block > limit) {
       puts("find hdr terminated!");
       return -1;
+    }
+    if (n == sizeof buf && buf[0] == 0 && memcmp(buf, buf + 1, n - 1) == 0) {
+      // Zeros hold no start code and end no stage, so every block behind
+      // this one that lies wholly in a hole of a sparse file would be
+      // scanned alike, each moving on by the block less 4 bytes. Those are
+      // stepped over instead of read; the search ends where the limit would
+      // have ended it, and resumes before the data with the same overlap.
+      constexpr off_t kFull = off_t(sizeof buf);
+      constexpr off_t kStep = kFull - 4;
+      const off_t data = next_data(fd, block, file_size);
+      if (data - block >= kFull) {
+        block += ((data - block - kFull) / kStep + 1) * kStep;
+        if (block > limit) {
+          puts("find hdr terminated!");
+          return -1;
+        }
+      }
     }
   }
 }

@@ -1,4 +1,5 @@
-// Shell command runners and the whitespace trimmers used on their output.
+// Command runners, with and without a shell, and the whitespace trimmers
+// used on their output.
 #ifndef MEDIAWALK_PLATFORM_COMMAND_H_
 #define MEDIAWALK_PLATFORM_COMMAND_H_
 
@@ -14,6 +15,12 @@ int run_capture(char* out, size_t size, const char* fmt, ...) __attribute__((for
 // Formats a command line as run_capture does and runs it through the shell.
 // Returns what system() returns: the shell's wait status, or -1.
 int run_command(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// Runs argv[0], looked up on PATH, with the arguments argv[1..] up to a null,
+// without a shell: nothing in them is interpreted. Its standard output goes
+// to out_fd, or stays this process's when out_fd is -1. Waits for it and
+// returns its wait status, or -1 when it could not be started.
+int run_program(const char* const argv[], int out_fd);
 
 // Returns the first character of text that is not a space, tab, newline or
 // carriage return (the terminator when there is none); null for null.

@@ -174,9 +174,13 @@ off_t next_data(FILE* f, off_t from, off_t size) {
   // descriptor is, so it is put back before anyone reads.
   const off_t kept = lseek(fd, 0, SEEK_CUR);
   if (kept < 0) return from;
-  const off_t data = lseek(fd, from, SEEK_DATA);
-  const int err = errno;
+  const off_t data = next_data(fd, from, size);
   if (lseek(fd, kept, SEEK_SET) != kept) return from;
+  return data;
+}
+
+off_t next_data(int fd, off_t from, off_t size) {
+  const off_t data = lseek(fd, from, SEEK_DATA);
   if (data >= from) return data;
-  return data < 0 && err == ENXIO ? (size > from ? size : from) : from;
+  return data < 0 && errno == ENXIO ? (size > from ? size : from) : from;
 }

@@ -59,4 +59,7 @@ FILE* fopen_regular(const char* path);
 // when the file system cannot tell. The stream's position is left as it was.
 off_t next_data(FILE* f, off_t from, off_t size);
 
+// The same for a descriptor read with lseek and read; its offset is moved.
+off_t next_data(int fd, off_t from, off_t size);
+
 #endif  // MEDIAWALK_PLATFORM_REGULAR_FILE_H_

@@ -2,6 +2,7 @@
 schema, all through the real binary in its sandbox."""
 
 import os
+import pathlib
 import re
 import shutil
 import signal
@@ -341,6 +342,39 @@ class CompleteRun(SandboxTestCase):
         self.assertNotIn(NODE_DONE, [r.node for r in sb.xmldb_requests()])
 
 
+class PlantedLinks(SandboxTestCase):
+    def test_links_are_not_followed(self):
+        # A link planted by another user at a fixed file under /tmp or on the database's path
+        # is named in one line and left alone; the run goes on as when that file cannot be made.
+        db = harness.DB_SUFFIX
+        for where, target, status in (("/tmp/" + MARKER, "made", 1), ("/tmp/" + PROGRESS, "file", 1),
+                                      ("/tmp/" + RESULT, "file", 1), (".systemfile", "", 255),
+                                      (".systemfile/.upnpav-db", "", 255), (db, "file", 255),
+                                      (db + "-journal", "file", 255)):
+            with self.subTest(where):
+                sb = harness.Sandbox("link")
+                self.addCleanup(sb.cleanup)
+                sb.conf()
+                sb.write_codepage("cp850\n")
+                victim = {"file": b"keep", "upnpav.db": b"keep", ".upnpav-db/upnpav.db": b"keep"}
+                for rel, content in victim.items():
+                    sb.file(rel, content, base=sb.path("victim"))
+                link = sb.tmp_file(where[5:]) if where.startswith("/tmp/") else sb.mnt + where
+                os.makedirs(os.path.dirname(link), exist_ok=True)
+                os.symlink(sb.path("victim", target), link)
+                os.lchown(link, 65534, 65534)
+                res = sb.run()
+                self.assertEqual(res.status, status, res)
+                named = where if where.startswith("/tmp/") else link
+                self.assertEqual(res.lines.count(b"mediawalk(): %s is a symbolic link, not followed"
+                                                 % named.encode()), 1, res)
+                left = {os.path.relpath(os.path.join(d, f), sb.path("victim")):
+                        pathlib.Path(d, f).read_bytes() for d, _, files in os.walk(sb.path("victim")) for f in files}
+                self.assertEqual(left, victim)
+                if status == 255:
+                    self.assertEqual(res.lines[-1], b"1mediawalk():Open DB fail[%s]" % sb.db_path().encode())
+
+
 class Database(SandboxTestCase):
     """Where the database goes, how its folders are made, and what a fresh one holds."""
 
@@ -361,7 +395,10 @@ class Database(SandboxTestCase):
             ("no trailing slash", sb0.mnt[:-1], sb0.mnt[:-1] + ".systemfile/.upnpav-db/upnpav.db"),
             ("double slash", sb0.mnt + "/", sb0.mnt + "/.systemfile/.upnpav-db/upnpav.db"),
             ("cut at 127 bytes", long_dir + "cut/", long_dir + ".systemfile/.upnpav-db/upnpav.db"),
+            # A link the configured mount path goes through is the appliance's own: followed.
+            ("through a link", sb0.path("mntlink") + "/", sb0.mnt + ".systemfile/.upnpav-db/upnpav.db"),
         ]
+        os.symlink(sb0.mnt, sb0.path("mntlink"))
         for name, mntpath, db in cases:
             with self.subTest(name):
                 for stale in (sb0.mnt + ".systemfile", sb0.mnt[:-1] + ".systemfile", long_dir + ".systemfile"):

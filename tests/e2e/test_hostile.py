@@ -11,6 +11,7 @@ import socket
 import stat
 import sys
 import textwrap
+import threading
 import unittest
 
 import harness
@@ -573,14 +574,45 @@ class Unprivileged(HostileCase):
 
 
 class Termination(HostileCase):
-    """SIGTERM while the walk waits on the detector."""
+    """A detector that hangs, and SIGTERM while the walk waits on the detector."""
+
+    def test_hung_detectors_are_bounded(self):
+        # One hangs before answering, one after: each call ends after its time, what was printed
+        # by then is the answer, and nothing the detector started is left running. In parallel,
+        # so that the two bounds are waited for at once.
+        runs = {}
+        for answer, title in ((b"", "\xe9t\xe9".encode()), (b"KOI8-R", "\u0439t\u0439".encode())):
+            sb = HostileSandbox("hang")
+            self.addCleanup(sb.cleanup)
+            sb.write_codepage("cp850\n")
+            sb.conf()
+            sb.file("a.mp3", tagged(TIT2="\xe9t\xe9"))
+            with open(sb.path("bin", "detect_char_encode"), "w") as f:
+                f.write("#!/bin/sh\nprintf '%s'\necho $$ >> %s\nsleep 600 &\necho $! >> %s\nwait\n"
+                        % (answer.decode(), sb.path("log", "pids"), sb.path("log", "pids")))
+            runs[sb] = title
+        results = {}
+        threads = [threading.Thread(target=lambda sb=sb: results.update({sb: sb.run()})) for sb in runs]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+        for sb, title in runs.items():
+            res = results[sb]
+            self.assertEqual(res.status, 1, res)
+            self.assertEqual(sb.rows("music_tbl", columns="Title"), [(title,)])
+            with open(sb.path("log", "pids")) as f:
+                pids = [int(p) for p in f.read().split()]
+            self.assertEqual(len(pids), 2)
+            self.assertTrue(harness.wait_for(lambda: all(harness.process_state(p) in (None, "Z") for p in pids),
+                                             timeout=10), pids)
 
     def test_sigterm_during_the_walk_then_a_full_run(self):
         sb = self.sb
         held, release = sb.path("log", "held"), sb.path("log", "release")
         script = sb.path("bin", "detect_char_encode")
         with open(script, "w") as f:
-            f.write("#!/bin/sh\ncase \"$1\" in *HOLD*)\n  : > '%s'\n  i=0\n"
+            f.write("#!/bin/sh\ncase \"$1\" in *HOLD*)\n  echo $$ > '%s'\n  i=0\n"
                     "  while [ ! -e '%s' ] && [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done ;;\nesac\n"
                     "printf windows-1252\n" % (held, release))
         os.chmod(script, 0o755)
@@ -593,14 +625,21 @@ class Termination(HostileCase):
             try:
                 if not harness.wait_for(lambda: os.path.exists(held) or proc.poll() is not None, timeout=60):
                     return
-                seen["marker"] = sb.marker()
+                seen["marker"], seen["pid"] = sb.marker(), proc.pid
                 os.kill(proc.pid, signal.SIGTERM)
                 harness.wait_for(lambda: harness.process_state(proc.pid) in (None, "Z"), timeout=30)
+                with open(held) as f:
+                    detector = int(f.read())
+                # The detector is ended with the scan, not left waiting for its release.
+                seen["detector"] = harness.wait_for(lambda: harness.process_state(detector) in (None, "Z"),
+                                                    timeout=10)
             finally:
                 open(release, "w").close()
 
         res = sb.run(during=terminate_when_held, timeout=90)
         self.assertIsNotNone(seen.get("marker"), "the run was not held with its marker in place")
+        self.assertIn(b"%d" % seen["pid"], seen["marker"].split())  # what pidof printed
+        self.assertTrue(seen["detector"], "the detector outlived the scan")
         self.assertEqual(res.status, 0, res)
         self.assertEqual(res.lines[-1], b"mediawalk(): terminate")
         self.assertNotIn(b"Parse playlist-->", res.stdout)

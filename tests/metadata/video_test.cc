@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "../sparse_file.h"
+
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -335,6 +337,68 @@ TEST_F(VideoFiles, SearchLimitGrowsWithFileSize) {
   p = probe(write("small.mpg", stream + zeros(1000)));
   EXPECT_EQ(p.result, -1);
   EXPECT_EQ(p.out, "find hdr terminated!\n");
+}
+
+// A hole of a sparse file reads as zeros. The search steps over holes, with
+// the result the same file gives with its zeros written out: headers behind
+// a hole, a start code begun in a hole's last zeros, the limit met in a hole
+// or just behind it (blocks stop at 4092 * k; the one at 102300 is the last
+// scanned under the 102400-byte limit).
+struct HoleCase {
+  const char* name;
+  off_t size;
+  Pieces pieces;
+  int result;
+};
+
+class VideoHoles : public VideoFiles, public testing::WithParamInterface<HoleCase> {};
+
+TEST_P(VideoHoles, HoleReadsLikeWrittenZeros) {
+  const HoleCase& c = GetParam();
+  Probe p[2];
+  for (const bool dense : {false, true}) {
+    ASSERT_TRUE(write_pieces(dir_ + "/hole.mpg", c.size, c.pieces, dense));
+    p[dense] = probe(dir_ + "/hole.mpg");
+    unlink((dir_ + "/hole.mpg").c_str());
+  }
+  EXPECT_EQ(p[0].result, c.result);
+  EXPECT_EQ(p[0].result, p[1].result);
+  EXPECT_EQ(p[0].out, p[1].out);
+  EXPECT_EQ(p[0].info.width, p[1].info.width);
+  EXPECT_EQ(p[0].info.mpeg_type, p[1].info.mpeg_type);
+  EXPECT_EQ(p[0].info.tv_system, p[1].info.tv_system);
+}
+
+const Bytes kSeq = sequence(352, 288, 8, 3);
+const Bytes kGop = gop(0, 0, 0) + picture();
+
+const HoleCase kHoles[] = {
+    {"GopBehindAHole", 1 << 20, {{0, kSeq}, {90000, kGop}}, 0},
+    {"StartCodeBegunInTheHole", 1 << 20, {{65536, Bytes(kSeq.begin() + 2, kSeq.end()) + kGop}}, 0},
+    {"GopInTheLastBlockBeforeTheLimit", 1 << 20, {{0, kSeq}, {106391, kGop}}, 0},
+    {"GopBehindTheLimit", 1 << 20, {{0, kSeq}, {106392, kGop}}, -1},
+    {"LimitInsideAHole", 1 << 20, {{0, kSeq}, {300000, kGop}}, -1},
+    {"LimitGrownBySize", 16 << 20, {{0, kSeq}, {130000, kGop}}, 0},
+    {"HoleToTheEnd", 60000, {{0, kSeq}}, -1},
+    {"Mpeg2ExtensionsBetweenHoles", 1 << 20,
+     {{0, sequence(720, 576, 2, 4) + sequence_extension()}, {50000, display_extension(1)},
+      {80000, kGop}},
+     0},
+};
+
+INSTANTIATE_TEST_SUITE_P(Sparse, VideoHoles, testing::ValuesIn(kHoles),
+                         [](const testing::TestParamInfo<HoleCase>& p) { return p.param.name; });
+
+// 16 GiB of hole behind a sequence header: the search would read 1/120 of
+// it before giving up.
+TEST_F(VideoFiles, HoleToTheLimitIsNotRead) {
+  ASSERT_TRUE(write_pieces(dir_ + "/big.mpg", off_t(16) << 30, {{0, kSeq}}, false));
+  files_.push_back(dir_ + "/big.mpg");
+  const long long before = bytes_read_so_far();
+  ASSERT_GE(before, 0) << "no read count in /proc/self/io";
+  const Probe p = probe(dir_ + "/big.mpg");
+  EXPECT_EQ(p.out, "find hdr terminated!\n");
+  EXPECT_LT(bytes_read_so_far() - before, 1 << 20);
 }
 
 TEST_F(VideoFiles, LimitIsCheckedWhereAStageEnds) {
