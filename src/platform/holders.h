@@ -20,9 +20,6 @@ struct NoCopy {
 struct FileCloser {
   void operator()(FILE* f) const { fclose(f); }
 };
-struct PipeCloser {  // popen pairs with pclose
-  void operator()(FILE* f) const { pclose(f); }
-};
 struct DirCloser {
   void operator()(DIR* d) const { closedir(d); }
 };
@@ -31,7 +28,6 @@ struct FreeDeleter {
 };
 
 using UniqueFile = std::unique_ptr<FILE, FileCloser>;
-using UniquePipe = std::unique_ptr<FILE, PipeCloser>;
 using UniqueDir = std::unique_ptr<DIR, DirCloser>;
 using UniqueChars = std::unique_ptr<char, FreeDeleter>;
 
