@@ -1,5 +1,6 @@
 #include "metadata/id3_reduce.h"
 
+#include <errno.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -26,11 +27,19 @@ uint32_t syncsafe(const uint8_t* p, int n) {
   return v;
 }
 
+// The limits one file's tags share.
+struct Allowance {
+  size_t reduced = kId3ReducedMax;
+  unsigned long long inflate = kId3InflateMax;
+  unsigned long long read = kId3ReadMax;
+};
+
 // The decoded bytes of a range of the file: with unsynchronisation undone when asked, a zero
 // byte right after 0xFF is dropped, as libid3tag drops it.
 class Source {
  public:
-  Source(int fd, off_t begin, off_t end, bool unsync) : fd_(fd), raw_(begin), end_(end), unsync_(unsync) {}
+  Source(int fd, off_t begin, off_t end, bool unsync, Allowance* allow)
+      : fd_(fd), raw_(begin), end_(end), unsync_(unsync), allow_(allow) {}
 
   // Up to n decoded bytes into out, or skipped when out is null. Fewer only at the end of
   // the range or when the file cannot be read.
@@ -43,7 +52,29 @@ class Source {
         done += step;
         break;
       }
-      if (!(raw_ >= buf_at_ && raw_ < buf_at_ + off_t(buf_.size())) && !fill()) break;
+      if (!(raw_ >= buf_at_ && raw_ < buf_at_ + off_t(buf_.size()))) {
+        // A hole reads as zeros, which unsynchronisation leaves alone (but for one right
+        // after 0xFF): a sparse tag of 256 MiB is stepped over, not read.
+        const off_t hole_end = hole_from(raw_);
+        if (hole_end > raw_) {
+          if (after_ff_) {
+            after_ff_ = false;
+            ++raw_;
+            continue;
+          }
+          uint64_t take = uint64_t(hole_end - raw_);
+          if (take > n - done) take = n - done;
+          if (out != nullptr) {
+            if (take > allow_->read) break;
+            allow_->read -= take;
+            memset(out + done, 0, size_t(take));
+          }
+          raw_ += off_t(take);
+          done += take;
+          continue;
+        }
+        if (!fill()) break;
+      }
       const uint8_t* p = buf_.data() + (raw_ - buf_at_);
       size_t take = size_t(buf_at_ + off_t(buf_.size()) - raw_);
       if (after_ff_) {
@@ -72,9 +103,20 @@ class Source {
   off_t raw() const { return raw_; }
 
  private:
+  // Where the hole that starts at `at` ends (within the range), or `at` itself when data
+  // starts there, the range is short, or the file system cannot tell.
+  off_t hole_from(off_t at) const {
+    if (end_ - at < off_t(4 * kBlock)) return at;
+    const off_t data = lseek(fd_, at, SEEK_DATA);
+    if (data < 0) return errno == ENXIO ? end_ : at;
+    return data < end_ ? data : end_;
+  }
+
   bool fill() {
     buf_.resize(kBlock);
     const size_t want = end_ - raw_ < off_t(kBlock) ? size_t(end_ - raw_) : kBlock;
+    if (want > allow_->read) return false;
+    allow_->read -= want;
     const ssize_t got = pread(fd_, buf_.data(), want, raw_);
     buf_.resize(got > 0 ? size_t(got) : 0);
     buf_at_ = raw_;
@@ -84,6 +126,7 @@ class Source {
   int fd_;
   off_t raw_, end_;
   bool unsync_;
+  Allowance* allow_;
   bool after_ff_ = false;
   uint64_t pos_ = 0;
   std::vector<uint8_t> buf_;
@@ -99,12 +142,6 @@ struct Limited {
     left -= got;
     return got;
   }
-};
-
-// The limits one file's tags share.
-struct Allowance {
-  size_t reduced = kId3ReducedMax;
-  unsigned long long inflate = kId3InflateMax;
 };
 
 // Whether the compressed data in `in` inflates as zlib's uncompress() does into a buffer of
@@ -196,7 +233,7 @@ class Reducer {
 
     // Large and parsed by libid3tag: its first decoded bytes decide how, so those are kept,
     // without the unsynchronisation or compression that made them.
-    Source unsynced(fd_, body->raw(), body->raw() + off_t(size - lead), true);
+    Source unsynced(fd_, body->raw(), body->raw() + off_t(size - lead), true, allow_);
     const bool frame_unsync = version_ == 4 && (flags & 0x02) != 0;
     Limited data{frame_unsync ? &unsynced : body, frame_unsync ? UINT64_MAX : size - lead};
     std::vector<uint8_t> head;
@@ -282,10 +319,10 @@ struct id3_tag* read_v2(int fd, off_t at, const uint8_t* head, Allowance* allow,
   const off_t begin = at + 10, finish = begin + off_t(size);
   uint64_t end = size;
   if (unsync) {
-    Source count(fd, begin, finish, true);
+    Source count(fd, begin, finish, true, allow);
     end = count.read(nullptr, UINT64_MAX);
   }
-  Source body(fd, begin, finish, unsync);
+  Source body(fd, begin, finish, unsync, allow);
   uint64_t frames_begin = 0;
   bool check_crc = false;
   unsigned long crc = 0;
@@ -344,7 +381,7 @@ struct id3_tag* read_v2(int fd, off_t at, const uint8_t* head, Allowance* allow,
       frames_begin = ext_size;
     }
     if (check_crc) {
-      Source again(fd, begin, finish, unsync);
+      Source again(fd, begin, finish, unsync, allow);
       again.read(nullptr, frames_begin);
       if (crc != crc_of(&again, end - frames_begin)) return nullptr;
     }

@@ -30,11 +30,15 @@ constexpr size_t kId3ReducedMax = 4u << 20;
 // Bytes one file's compressed frames may inflate to while they are checked;
 // a frame that would go past this counts as one that does not inflate.
 constexpr unsigned long long kId3InflateMax = 256ull << 20;
+// Bytes of tag data read from one file in all (holes of a sparse file are
+// stepped over, not read); a tag that needs more counts as one that cannot be
+// read.
+constexpr unsigned long long kId3ReadMax = 1ull << 30;
 
 // The tag libid3tag's file reader gives for the regular file open on fd: a
-// new tag holding the merged frames, empty when the file has none. The
-// descriptor's offset is left alone (reads use pread). Null only when memory
-// runs out. The caller deletes it with id3_tag_delete.
+// new tag holding the merged frames, empty when the file has none. Reads use
+// pread; looking for holes may move the descriptor's offset. Null only when
+// memory runs out. The caller deletes it with id3_tag_delete.
 struct id3_tag* id3_read_file_tags(int fd);
 
 #endif  // MEDIAWALK_METADATA_ID3_REDUCE_H_
