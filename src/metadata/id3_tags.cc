@@ -225,10 +225,10 @@ int scan_get_mp3tags(const char* path, MusicFileInfo* info) {
     return -1;
   }
   struct id3_tag* tag = id3_read_file_tags(fd.fd);
+  const int saved = errno;
+  close(fd.release());  // the tag holds all it needs
+  errno = saved;
   if (tag == nullptr) {
-    const int saved = errno;
-    close(fd.release());
-    errno = saved;
     printf("Cannot get ID3 tag for %s\n", path);
     err_log(2, kLogModuleScan, "Cannot get ID3 tag for %s\n", path);
     return -1;
