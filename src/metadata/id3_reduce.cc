@@ -374,10 +374,12 @@ struct id3_tag* read_v2(int fd, off_t at, const uint8_t* head, Allowance* allow,
         p += 1 + size_t(ext[p]);
       }
       if (ext_flags & 0x20) {
-        if (p >= ext.size() || ext[p] != 5 || p + 6 > ext.size()) return nullptr;
+        if (p >= ext.size() || ext[p] < 5 || p + 6 > ext.size()) return nullptr;
         for (int i = 1; i <= 5; ++i) crc = crc << 7 | (ext[p + i] & 0x7F);
         check_crc = true;
+        p += 1 + size_t(ext[p]);
       }
+      if ((ext_flags & 0x10) && (p >= ext.size() || ext[p] == 0)) return nullptr;  // restrictions
       frames_begin = ext_size;
     }
     if (check_crc) {

@@ -501,7 +501,9 @@ TEST_F(Id3Reader, TagsReadAsLibid3tagReadsTheWholeFile) {
   const std::string zeros(2 << 20, '\0'), png = std::string("\0image/png\0\x03\0", 13);
   const Parts updated = Cat({Picture(4, k9), TextFrame(4, "TPE1", "Updated")}), padded = Picture(3, k9);
   const uint32_t crc = Crc(updated);
-  const std::string update_crc = Syncsafe(13) + std::string("\x01\x60\0\x05", 4) + char(crc >> 28) + Syncsafe(crc);
+  // Extended header: one flag byte (update, CRC, restrictions); a CRC given in six bytes is read from the first five.
+  const std::string update_crc = Syncsafe(16) + std::string("\x01\x70\0\x06", 4) + char(crc >> 28) + Syncsafe(crc) +
+                                 std::string("\0\x01\0", 3);
   const struct {
     const char* name;
     Parts file;
