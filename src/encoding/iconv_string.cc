@@ -172,7 +172,7 @@ int convert_hz(const char* tocode, const char* start, const char* end, char** re
 }
 
 // ISO-2022-JP-1, which the C library's iconv may lack: ISO-2022-JP-2 limited to the sets
-// JP-1 designates (ASCII, JIS X 0201 Roman, JIS X 0208, JIS X 0212). Another escape sequence
+// JP-1 switches to (ASCII, JIS X 0201 Roman, JIS X 0208, JIS X 0212). Another escape sequence
 // is invalid, as in GNU libiconv; one cut off by the end is an incomplete tail.
 int convert_iso2022jp1(const char* tocode, const char* start, const char* end, char** resultp,
                        size_t* lengthp) {
