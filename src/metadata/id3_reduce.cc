@@ -65,7 +65,10 @@ class Source {
           uint64_t take = uint64_t(hole_end - raw_);
           if (take > n - done) take = n - done;
           if (out != nullptr) {
-            if (take > allow_->read) break;
+            if (take > allow_->read) {
+              failed_ = true;
+              break;
+            }
             allow_->read -= take;
             memset(out + done, 0, size_t(take));
           }
@@ -101,6 +104,8 @@ class Source {
   }
   uint64_t pos() const { return pos_; }
   off_t raw() const { return raw_; }
+  // Whether a read stopped early: the file could not be read, or the allowance ran out.
+  bool failed() const { return failed_; }
 
  private:
   // Where the hole that starts at `at` ends (within the range), or `at` itself when data
@@ -115,12 +120,16 @@ class Source {
   bool fill() {
     buf_.resize(kBlock);
     const size_t want = end_ - raw_ < off_t(kBlock) ? size_t(end_ - raw_) : kBlock;
-    if (want > allow_->read) return false;
+    if (want > allow_->read) {
+      failed_ = true;
+      return false;
+    }
     allow_->read -= want;
     const ssize_t got = pread(fd_, buf_.data(), want, raw_);
     buf_.resize(got > 0 ? size_t(got) : 0);
     buf_at_ = raw_;
-    return got > 0;
+    failed_ = got <= 0;
+    return !failed_;
   }
 
   int fd_;
@@ -128,6 +137,7 @@ class Source {
   bool unsync_;
   Allowance* allow_;
   bool after_ff_ = false;
+  bool failed_ = false;
   uint64_t pos_ = 0;
   std::vector<uint8_t> buf_;
   off_t buf_at_ = 0;
@@ -321,6 +331,7 @@ struct id3_tag* read_v2(int fd, off_t at, const uint8_t* head, Allowance* allow,
   if (unsync) {
     Source count(fd, begin, finish, true, allow);
     end = count.read(nullptr, UINT64_MAX);
+    if (count.failed()) return nullptr;
   }
   Source body(fd, begin, finish, unsync, allow);
   uint64_t frames_begin = 0;
@@ -385,7 +396,7 @@ struct id3_tag* read_v2(int fd, off_t at, const uint8_t* head, Allowance* allow,
     if (check_crc) {
       Source again(fd, begin, finish, unsync, allow);
       again.read(nullptr, frames_begin);
-      if (crc != crc_of(&again, end - frames_begin)) return nullptr;
+      if (crc != crc_of(&again, end - frames_begin) || again.failed()) return nullptr;
     }
     const uint64_t skip = frames_begin - body.pos();
     if (body.read(nullptr, skip) != skip) return nullptr;
