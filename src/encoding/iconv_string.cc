@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <iconv.h>
 #include <stdlib.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <string>
@@ -75,6 +76,8 @@ struct Family {
   IconvFamily cross_flag[4];
 };
 
+// "HZ" and "ISO-2022-JP-1" are converted here where iconv lacks them (convert_hz,
+// convert_iso2022jp1); another charset iconv lacks fails its try with EINVAL.
 // "autodetect_JP" in the cross lists is not a name the dispatch knows: that
 // try fails with EINVAL and ends the chain, which is how the fallback is meant
 // to stop. ISO-8859-1 appears twice in the UTF-8 list on purpose.
@@ -113,6 +116,79 @@ const Family kFamilies[] = {
 
 int convert(const char* tocode, const char* fromcode, const char* start, const char* end,
             char** resultp, size_t* lengthp);
+
+// HZ, which the lists name and the C library's iconv may lack, read as GNU libiconv reads it:
+// "~{" switches to GB2312 in two 7-bit bytes (taken here through EUC-CN, their 8-bit form),
+// "~}" back; outside, "~~" is a tilde, "~" and a newline are nothing, and any other byte is
+// the code point of its value (libiconv lets bytes of 0x80 and above through there). Any
+// other tilde pair, or a GB2312 pair that is not one, is invalid; an incomplete sequence at
+// the end is dropped. The code points are then converted to tocode.
+int convert_hz(const char* tocode, const char* start, const char* end, char** resultp, size_t* lengthp) {
+  std::string points;  // UCS-4BE
+  const auto put = [&points](uint32_t c) {
+    const char b[4] = {char(c >> 24), char(c >> 16), char(c >> 8), char(c)};
+    points.append(b, 4);
+  };
+  const unsigned char* s = reinterpret_cast<const unsigned char*>(start);
+  const size_t n = static_cast<size_t>(end - start);
+  bool gb = false;
+  for (size_t i = 0; i < n;) {
+    if (i + 1 >= n && (s[i] == '~' || gb)) break;  // incomplete
+    if (s[i] == '~') {
+      const unsigned char next = s[i + 1];
+      if (!gb && next == '~') {
+        put('~');
+      } else if (!gb && (next == '{' || next == '\n')) {
+        gb = next == '{';
+      } else if (gb && next == '}') {
+        gb = false;
+      } else {
+        errno = EILSEQ;
+        return -1;
+      }
+      i += 2;
+    } else if (!gb) {
+      put(s[i++]);
+    } else {
+      if (s[i] < 0x21 || s[i] > 0x7E || s[i + 1] < 0x21 || s[i + 1] > 0x7E) {
+        errno = EILSEQ;
+        return -1;
+      }
+      Converter gb2312("UCS-4BE", "EUC-CN");
+      char pair[2] = {char(s[i] | 0x80), char(s[i + 1] | 0x80)}, point[4];
+      char* in = pair;
+      char* out = point;
+      size_t in_left = 2, out_left = 4;
+      if (!gb2312.ok()) return -1;
+      if (iconv(gb2312.cd, &in, &in_left, &out, &out_left) == kFailed || out_left != 0) {
+        errno = EILSEQ;
+        return -1;
+      }
+      points.append(point, 4);
+      i += 2;
+    }
+  }
+  return convert(tocode, "UCS-4BE", points.data(), points.data() + points.size(), resultp, lengthp);
+}
+
+// ISO-2022-JP-1, which the C library's iconv may lack: ISO-2022-JP-2 limited to the sets
+// JP-1 switches to (ASCII, JIS X 0201 Roman, JIS X 0208, JIS X 0212). Another escape sequence
+// is invalid, as in GNU libiconv; one cut off by the end is an incomplete tail.
+int convert_iso2022jp1(const char* tocode, const char* start, const char* end, char** resultp,
+                       size_t* lengthp) {
+  static const char* const kEscapes[] = {"\x1b(B", "\x1b(J", "\x1b$@", "\x1b$B", "\x1b$(D"};
+  for (const char* p = start; p < end; ++p) {
+    if (*p != '\x1b') continue;
+    const size_t left = static_cast<size_t>(end - p);
+    bool known = false;
+    for (const char* e : kEscapes) known = known || strncmp(p, e, left < strlen(e) ? left : strlen(e)) == 0;
+    if (!known) {
+      errno = EILSEQ;
+      return -1;
+    }
+  }
+  return convert(tocode, "ISO-2022-JP-2", start, end, resultp, lengthp);
+}
 
 int autodetect(const char* tocode, const char* fromcode, const char* start, const char* end,
                char** resultp, size_t* lengthp) {
@@ -160,6 +236,8 @@ int convert(const char* tocode, const char* fromcode, const char* start, const c
   Converter conv(tocode, fromcode);
   if (!conv.ok()) {
     if (errno != EINVAL) return -1;
+    if (strcmp(fromcode, "HZ") == 0) return convert_hz(tocode, start, end, resultp, lengthp);
+    if (strcmp(fromcode, "ISO-2022-JP-1") == 0) return convert_iso2022jp1(tocode, start, end, resultp, lengthp);
     return autodetect(tocode, fromcode, start, end, resultp, lengthp);
   }
 

@@ -5,14 +5,12 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
-#include <sys/stat.h>
 #include <unistd.h>
-
-#include <vector>
 
 #include "encoding/iconv_string.h"
 #include "log/err_log.h"
-#include "metadata/bytes.h"
+#include "metadata/id3_reduce.h"
+#include "platform/holders.h"
 #include "platform/regular_file.h"
 #include "platform/spawn.h"
 #include "platform/text.h"
@@ -145,95 +143,6 @@ void replace_text(char** field, bool* set_here, char* text) {
   *set_here = true;
 }
 
-// libid3tag inflates a compressed frame into a buffer of the size the frame
-// declares, allocated before the data is looked at: a tag of a hundred bytes
-// can ask for 4 GiB, and a few megabytes of compressed zeros really fill
-// gigabytes. A tag declaring more than this in all is not handed to it.
-constexpr uint64_t kMaxInflatedBytes = 1u << 20;
-// libid3tag also reads a tag whole into memory, and parses each frame into a
-// copy of its own: a sparse file of a few KiB on disk can declare a 256 MiB
-// tag. Cover pictures stay well below this.
-constexpr uint32_t kMaxTagBytes = 8u << 20;
-
-uint32_t get_syncsafe32(const uint8_t* p) {
-  return uint32_t(p[0] & 0x7F) << 21 | uint32_t(p[1] & 0x7F) << 14 | uint32_t(p[2] & 0x7F) << 7 | (p[3] & 0x7F);
-}
-
-// Bytes the compressed frames of the ID3v2.3 or v2.4 tag whose header is at
-// `at` declare once inflated (read with pread, the descriptor's offset stays),
-// counted the way libid3tag reads them (v2.3: the tag de-unsynchronised
-// first, a 4-byte size ahead of the data; v2.4: the data length indicator).
-// Counting stops past the limit; a tag too large to read at all counts as
-// past it. 0 where no such tag starts.
-uint64_t tag_inflated_bytes(int fd, off_t at) {
-  uint8_t head[10];
-  if (pread(fd, head, sizeof head, at) != ssize_t(sizeof head) || memcmp(head, "ID3", 3) != 0) return 0;
-  // Whatever the version: libid3tag reads a v2.2 tag whole as well.
-  const uint32_t declared = get_syncsafe32(head + 6);
-  if (declared > kMaxTagBytes) return kMaxInflatedBytes + 1;
-  const int version = head[3];
-  if (version != 3 && version != 4) return 0;
-  // libid3tag holds the whole tag in memory in any case; this copy is gone
-  // before it reads it. A size past the end of the file reads what is there.
-  std::vector<uint8_t> tag;
-  uint8_t chunk[4096];
-  for (size_t left = declared; left > 0;) {
-    const off_t from = at + off_t(sizeof head + tag.size());
-    const ssize_t n = pread(fd, chunk, left < sizeof chunk ? left : sizeof chunk, from);
-    if (n <= 0) break;
-    tag.insert(tag.end(), chunk, chunk + n);
-    left -= size_t(n);
-  }
-  if (version == 3 && (head[5] & 0x80)) {  // unsynchronised: every FF 00 stands for FF
-    size_t out = 0;
-    for (size_t in = 0; in < tag.size(); ++in) {
-      tag[out++] = tag[in];
-      if (tag[in] == 0xFF && in + 1 < tag.size() && tag[in + 1] == 0x00) ++in;
-    }
-    tag.resize(out);
-  }
-  size_t pos = 0;
-  if (head[5] & 0x40) {  // extended header
-    if (tag.size() < 4) return 0;
-    pos = version == 3 ? 4 + size_t(get_be32(tag.data())) : size_t(get_syncsafe32(tag.data()));
-  }
-  uint64_t total = 0;
-  while (pos <= tag.size() && tag.size() - pos >= 10 && tag[pos] != 0 && total <= kMaxInflatedBytes) {
-    const uint8_t* frame = tag.data() + pos;
-    const size_t size = version == 3 ? get_be32(frame + 4) : get_syncsafe32(frame + 4);
-    const bool compressed = version == 3 ? (frame[9] & 0x80) != 0 : (frame[9] & 0x09) == 0x09;
-    if (compressed && size >= 4 && tag.size() - pos - 10 >= 4)
-      total += version == 3 ? get_be32(frame + 10) : get_syncsafe32(frame + 10);
-    if (size > tag.size() - pos - 10) break;
-    pos += 10 + size;
-  }
-  return total;
-}
-
-// libid3tag reads the tag at the start of the file and also one found from
-// its end through a v2.4 footer, before an ID3v1 tag or without one; their
-// frames are merged, so what they declare adds up.
-uint64_t declared_inflated_bytes(int fd) {
-  uint64_t total = tag_inflated_bytes(fd, 0);
-  struct stat64 st;
-  if (fstat64(fd, &st) != 0) return total;
-  const off_t size = st.st_size;
-  uint8_t v1[3];
-  const bool has_v1 = size >= 128 && pread(fd, v1, sizeof v1, size - 128) == ssize_t(sizeof v1) &&
-                      memcmp(v1, "TAG", 3) == 0;
-  for (const off_t end : {size, has_v1 ? size - 128 : off_t(-1)}) {
-    uint8_t footer[10];
-    const off_t from = end - off_t(sizeof footer);
-    if (from < 0 || pread(fd, footer, sizeof footer, from) != ssize_t(sizeof footer) ||
-        memcmp(footer, "3DI", 3) != 0 || footer[3] != 4)
-      continue;
-    // The footer repeats the header's size; the header is that far before it.
-    const off_t at = from - off_t(get_syncsafe32(footer + 6)) - 10;
-    if (at > 0) total += tag_inflated_bytes(fd, at);
-  }
-  return total;
-}
-
 }  // namespace
 
 size_t id3_pack_ucs4(const id3_ucs4_t* text, char* out, size_t cap) {
@@ -307,25 +216,19 @@ void id3_build_sample(const struct id3_tag* tag, MusicFileInfo* info, char* samp
 int scan_get_mp3tags(const char* path, MusicFileInfo* info) {
   if (info->type == nullptr || strcasecmp(info->type, "mp3") != 0) return 0;
 
-  const int fd = open_regular(path);
-  // A tag declaring too much reads as libid3tag reads one whose compressed
-  // frame does not inflate to its declared size: as a tag without frames.
-  // So does a tag too large to read.
-  const bool too_much = fd >= 0 && declared_inflated_bytes(fd) > kMaxInflatedBytes;
-  // On success the tag file owns the descriptor; otherwise it is still ours.
-  struct id3_file* file = fd >= 0 && !too_much ? id3_file_fdopen(fd, ID3_FILE_MODE_READONLY) : nullptr;
-  if (file == nullptr && too_much) close(fd);
-  if (file == nullptr && !too_much) {
-    if (fd >= 0) close(fd);
+  // Only a regular file is read; libid3tag's own reader is not used, since it holds every
+  // tag whole in memory (see metadata/id3_reduce.h).
+  Fd fd(open_regular(path));
+  if (fd.fd < 0) {
     printf("Cannot open %s\n", path);
     err_log(2, kLogModuleScan, "Cannot open %s\n", path);
     return -1;
   }
-  struct id3_tag* tag = too_much ? id3_tag_new() : id3_file_tag(file);
+  struct id3_tag* tag = id3_read_file_tags(fd.fd);
+  const int saved = errno;
+  close(fd.release());  // the tag holds all it needs
+  errno = saved;
   if (tag == nullptr) {
-    const int saved = errno;
-    if (file != nullptr) id3_file_close(file);
-    errno = saved;
     printf("Cannot get ID3 tag for %s\n", path);
     err_log(2, kLogModuleScan, "Cannot get ID3 tag for %s\n", path);
     return -1;
@@ -382,9 +285,6 @@ int scan_get_mp3tags(const char* path, MusicFileInfo* info) {
     }
   }
 
-  if (file != nullptr)
-    id3_file_close(file);  // the tag belongs to the file
-  else
-    id3_tag_delete(tag);
+  id3_tag_delete(tag);
   return 0;
 }

@@ -16,9 +16,10 @@ extern int have_artist;
 extern int have_album;
 extern int have_genre;
 
-// Reads the tag of the MP3 file at path into *info. Returns 0 when the type is
-// not "mp3" (nothing done) or the tag was read, -1 when libid3tag cannot open
-// the file or it holds no tag. title, artist, album and genre must be null or
+// Reads the tags of the MP3 file at path into *info, as libid3tag's file reader
+// gives them (metadata/id3_reduce.h). Returns 0 when the type is not "mp3"
+// (nothing done) or the file was read, tagged or not; -1 when it cannot be
+// opened as a regular file, or memory runs out. title, artist, album and genre must be null or
 // owned by the record on entry; a field this call fills is a new heap string
 // (free()), and a frame met twice replaces (and frees) the text this call set
 // for it before.

@@ -415,12 +415,20 @@ TEST_F(Walk, FailedFolderRowQueuesNothing) {
   EXPECT_EQ(total_scan_cnt.load(), 0);  // a failed call is not forced to 1
 }
 
+// A marker is deleted on sight; a link of that name is no marker, and neither
+// it nor what it points to is touched.
 TEST_F(Walk, MarkerIsDeletedOnSight) {
-  const std::string marker = tree.file(".MediaWalk.Music", "x");
+  const std::string marker = tree.file(".MediaWalk.Music", "x"), target = tree.file("target", "x");
+  const std::string link = tree.dir("linked") + ".MediaWalk.Music";
+  ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
   std::string out;
   EXPECT_EQ(scan_one(tree.root(), 0, &out), 1);
   EXPECT_EQ(out, marker + "\n");
   EXPECT_NE(access(marker.c_str(), F_OK), 0);
+  EXPECT_EQ(scan_one(tree.root() + "linked/", 1, &out), 1);
+  EXPECT_EQ(out, "");
+  struct stat64 st;
+  EXPECT_TRUE(lstat64(link.c_str(), &st) == 0 && S_ISLNK(st.st_mode) && access(target.c_str(), F_OK) == 0);
 }
 
 // Folder path plus name: 511 bytes are processed, 512 are refused with their
