@@ -29,9 +29,8 @@ const char* answer_for(const char* library_name) {
 // only once their multi-byte sequences fit; any other answer names a
 // single-byte charset, which a few double-byte characters are easily taken for.
 bool multi_byte(const char* library_name) {
-  static const char* const kNames[] = {"UTF-8",     "GB18030", "BIG5",   "EUC-TW",     "SHIFT_JIS",
-                                       "EUC-JP",    "EUC-KR",  "UHC",    "HZ-GB-2312", "ISO-2022-JP",
-                                       "ISO-2022-CN", "ISO-2022-KR"};
+  static const char* const kNames[] = {"UTF-8",  "GB18030", "BIG5",       "EUC-TW",      "SHIFT_JIS",   "EUC-JP",
+                                       "EUC-KR", "UHC",     "HZ-GB-2312", "ISO-2022-JP", "ISO-2022-CN", "ISO-2022-KR"};
   for (const char* n : kNames)
     if (strcasecmp(library_name, n) == 0) return true;
   return strncasecmp(library_name, "UTF-", 4) == 0 || strncasecmp(library_name, "X-ISO-10646", 11) == 0;
@@ -150,7 +149,9 @@ const char* CharsetDetector::detect(const char* sample) {
   const char* name = uchardet_get_charset(library_);
   if (name == nullptr) name = "";
   const auto* bytes = reinterpret_cast<const unsigned char*>(sample);
-  const bool sure = name[0] != '\0' && multi_byte(name) && (strcasecmp(name, "UTF-8") != 0 || valid_utf8(bytes));
+  // A multi-byte answer stands, unless it is UTF-8 for bytes that are not.
+  const bool sure = name[0] != '\0' && multi_byte(name) &&
+                    (strcasecmp(name, "UTF-8") != 0 || valid_utf8(bytes));
   if (preferred_ >= 0 && !sure && all_common(bytes, kDoubleByte[preferred_]))
     name = kDoubleByte[preferred_].library_name;
   return answer_for(name);
