@@ -5,8 +5,9 @@
                  [--runs N] [--seed S] [--out FILE] [--label TEXT]
 
 For every size it makes (once, cached under DIR/shares) a share with make_share.py, times the
-floor program on it, and scans it with a stub detector that answers nothing at once and with no
-detector on PATH. Then it times the floor program's other yardstick: as many one-row
+floor program on it, and scans it with a stub detector that answers nothing at once, with no
+detector on PATH, with the shipped detect_char_encode on PATH (--tool) and with the scanner built
+to ask the same detector in-process (--builtin-bin). Then it times the floor program's other yardstick: as many one-row
 transactions as files were scanned, which is the least the scan's statements after the first m3u
 playlist cost, each committing on its own. Each phase's time is taken from when its log line arrives on stdout (the
 program's stdout is line-buffered); "count" includes the sandbox's start. CPU time and peak
@@ -131,8 +132,15 @@ def phase_times(seen, wall):
     return out
 
 
-def scan(share, mode, runs, timeout, extra_env=()):
+LABELS = {"none": "no detector", "stub": "stub detector", "tool": "shipped detector",
+          "builtin": "built-in detector"}
+
+
+def scan(share, mode, runs, timeout, extra_env=(), tool=None, builtin_bin=None):
     import harness
+    saved_bin = harness.BIN
+    if mode == "builtin":
+        harness.BIN = builtin_bin
     sb = harness.Sandbox(name="bench")
     sb.extra_env.update(item.split("=", 1) for item in extra_env)
     try:
@@ -144,6 +152,8 @@ def scan(share, mode, runs, timeout, extra_env=()):
             with open(script, "w") as f:
                 f.write("#!/bin/sh\nprintf ''\n")
             os.chmod(script, 0o755)
+        elif mode == "tool":
+            sb.real_detector(tool)
         elif shutil.which("detect_char_encode", path=sb.environment()["PATH"]):
             raise SystemExit("run_bench.py: a detect_char_encode is on the system PATH; "
                              "the no-detector runs would not be without one")
@@ -160,6 +170,7 @@ def scan(share, mode, runs, timeout, extra_env=()):
         return best
     finally:
         sb.cleanup()
+        harness.BIN = saved_bin
 
 
 def _scanned(out):
@@ -210,7 +221,9 @@ def main():
     ap.add_argument("--sizes", default="1000,10000,100000")
     ap.add_argument("--runs", type=int, default=3)
     ap.add_argument("--seed", type=int, default=1)
-    ap.add_argument("--modes", default="none,stub")
+    ap.add_argument("--modes", default="none,stub,tool,builtin")
+    ap.add_argument("--tool", help="the shipped detect_char_encode, for the tool mode")
+    ap.add_argument("--builtin-bin", help="mediawalk built with MEDIAWALK_BUILTIN_DETECTOR, for the builtin mode")
     ap.add_argument("--timeout", type=float, default=3600)
     ap.add_argument("--out", help="also write the table (markdown) to this file")
     ap.add_argument("--label", default="", help="a line shown above the table")
@@ -229,6 +242,11 @@ def main():
 
     sizes = [int(s) for s in args.sizes.split(",")]
     modes = args.modes.split(",")
+    for mode, path in (("tool", args.tool), ("builtin", args.builtin_bin)):
+        if mode in modes and not (path and os.path.isfile(path)):
+            raise SystemExit("run_bench.py: the %s mode needs --%s" % (mode, "tool" if mode == "tool" else "builtin-bin"))
+    tool = os.path.abspath(args.tool) if args.tool else None
+    builtin_bin = os.path.abspath(args.builtin_bin) if args.builtin_bin else None
     header = ("| files | run | wall s | CPU user + sys s | files/s | " + " | ".join(p + " s" for p in SHOWN_PHASES)
               + " | peak RSS MiB | × floor |")
     rule = "|" + "---|" * (header.count("|") - 1)
@@ -242,10 +260,10 @@ def main():
         print(rows[-1], flush=True)
         scanned = None
         for mode in modes:
-            r = scan(share, mode, args.runs, args.timeout, args.env)
+            r = scan(share, mode, args.runs, args.timeout, args.env, tool, builtin_bin)
             walls[(size, mode)] = r["wall"]
             scanned = scanned or r["scanned"]
-            rows.append(fmt_row(size, "no detector" if mode == "none" else "stub detector", r, fl["wall"]))
+            rows.append(fmt_row(size, LABELS[mode], r, fl["wall"]))
             print(rows[-1], flush=True)
         if scanned:
             # After the first m3u playlist every statement commits on its own; one such
@@ -256,12 +274,16 @@ def main():
             if (size, "none") in walls:
                 notes.append("%d files, no detector: scan / floor %.2f, scan / (floor + commits) %.2f" % (
                     size, walls[(size, "none")] / fl["wall"], walls[(size, "none")] / (fl["wall"] + cm["wall"])))
+        for mode in ("tool", "builtin"):
+            if (size, "none") in walls and (size, mode) in walls:
+                notes.append("%d files, %s / no detector: %.2f" % (
+                    size, LABELS[mode], walls[(size, mode)] / walls[(size, "none")]))
 
     for mode in modes:
         for small, big in zip(sizes, sizes[1:]):
             if (small, mode) in walls and (big, mode) in walls:
                 notes.append("time(%d) / time(%d), %s: %.2f (linear: %.1f)" % (
-                    big, small, "no detector" if mode == "none" else "stub detector",
+                    big, small, LABELS[mode],
                     walls[(big, mode)] / walls[(small, mode)], big / small))
     stamp = datetime.datetime.now().strftime("%Y-%m-%d %H:%M")
     text = "\n".join(

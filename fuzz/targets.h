@@ -40,6 +40,9 @@
 #include "metadata/video.h"
 #include "platform/holders.h"
 #include "platform/xmldb.h"
+#ifdef MEDIAWALK_DETECTOR_CORE
+#include "detector_core.h"
+#endif
 
 namespace fuzz {
 
@@ -631,6 +634,38 @@ class CodePage : public Target {
   InputFile in_{&dir_, "codepage"};
 };
 
+#ifdef MEDIAWALK_DETECTOR_CORE
+// The charset detector on the input after its first byte (up to a zero byte,
+// as an argument would end), under the language setting that byte picks.
+class Detector : public Target {
+ public:
+  Detector() {
+    for (const char* setting : {"cp936", "cp950", "cp932", "cp949", "cp850", "none"}) {
+      in_.write(reinterpret_cast<const uint8_t*>(setting), strlen(setting));
+      detectors_.emplace_back(new CharsetDetector(in_.path()));
+    }
+  }
+  std::string run(const uint8_t* data, size_t size) override {
+    if (size < 1) return "";
+    CharsetDetector& detector = *detectors_[data[0] % detectors_.size()];
+    const std::string sample(reinterpret_cast<const char*>(data + 1), size - 1);
+    const long peak = peak_rss_kib();
+    const std::string answer = detector.detect(sample.c_str());
+    if (peak_rss_kib() - peak > 8 * 1024) return format("peak memory grew by %ld KiB", peak_rss_kib() - peak);
+    for (char c : answer)
+      if (c <= ' ' || c > '~') return "answer with byte " + std::to_string(static_cast<unsigned char>(c));
+    // The state is reset between samples: asked again, it answers the same.
+    if (detector.detect(sample.c_str()) != answer) return "second answer differs";
+    return "";
+  }
+
+ private:
+  ScratchDir dir_;
+  InputFile in_{&dir_, "codepage"};
+  std::vector<std::unique_ptr<CharsetDetector>> detectors_;
+};
+#endif
+
 // The targets by name, as the fuzz binaries, the seed folders and the
 // regression folders are named.
 struct Entry {
@@ -649,6 +684,9 @@ inline const std::vector<Entry>& all_targets() {
       {"readconfig", make<ReadConfig>},   {"sharefolder", make<ShareFolder>}, {"mntpath", make<MntPath>},
       {"xmldb", make<Xmldb>},             {"playlist", make<PlaylistTarget>}, {"mp3tags", make<Mp3Tags>},
       {"iconv_string", make<IconvString>}, {"codepage", make<CodePage>},
+#ifdef MEDIAWALK_DETECTOR_CORE
+      {"detector", make<Detector>},
+#endif
   };
   return kTargets;
 }

@@ -9,10 +9,10 @@
 
 #include "encoding/iconv_string.h"
 #include "log/err_log.h"
+#include "metadata/ask_detector.h"
 #include "metadata/id3_reduce.h"
 #include "platform/holders.h"
 #include "platform/regular_file.h"
-#include "platform/spawn.h"
 #include "platform/text.h"
 
 int have_title = 0;
@@ -237,9 +237,8 @@ int scan_get_mp3tags(const char* path, MusicFileInfo* info) {
   char sample[kId3SampleSize];
   id3_build_sample(tag, info, sample);
 
-  // The sample goes to the detector as one argument; no shell sees it.
   char answer[kAnswerSize];
-  spawn_read_output("detect_char_encode", sample, answer, sizeof answer, kAnswerRead);
+  ask_detector(sample, answer, sizeof answer, kAnswerRead);
   const char* charset = charset_for_answer(answer);
 
   bool title_set = false, artist_set = false, album_set = false, genre_set = false;

@@ -3,6 +3,7 @@ windows-1251, stored in frames that declare Latin-1 (as many taggers leave them)
 run as the UTF-8 that the reader's answer table makes of the detector's answer."""
 
 import os
+import shutil
 import subprocess
 import sys
 import unittest
@@ -11,7 +12,9 @@ import harness
 from harness import SandboxTestCase
 from id3build import tagged_mp3
 
-DETECTOR = os.path.join(os.path.dirname(harness.BIN), "detect_char_encode")
+DETECTOR = os.environ.get("DETECTOR_BIN") or os.path.join(os.path.dirname(harness.BIN), "detect_char_encode")
+# The scanner built to ask the same routine in-process (MEDIAWALK_BUILTIN_DETECTOR).
+BUILTIN_BIN = os.environ.get("MEDIAWALK_BUILTIN_BIN", "")
 AUDIO = os.path.join(harness.FIXTURES, "audio", "cbr32_44k.mp3")
 
 RUSSIAN = ("Кошка спит на подоконнике", "Синие бумажные лодки", "Тихий вечер у окна")
@@ -63,6 +66,41 @@ class RealDetector(SandboxTestCase):
             with self.subTest(name):
                 self.assertEqual(answers[name], answer.encode())
                 self.assertEqual(stored.get(name), tuple(t.encode("utf-8") for t in texts))
+
+    @unittest.skipUnless(os.path.isfile(BUILTIN_BIN), "no in-process detector build")
+    def test_builtin_detector_writes_the_same_database(self):
+        sb = self.sb
+        sb.conf()
+        tags = os.path.join(harness.FIXTURES, "tags")
+        for name in sorted(os.listdir(tags)):
+            sb.copy(os.path.join(tags, name), name, mtime=1600000000)
+        # Titles of two characters alone, which only the language setting tells apart.
+        short = [("gbk", "你好"), ("big5", "月光"), ("shift_jis", "夜空"), ("euc_kr", "바람"), ("cp1252", "Café")]
+        for name, codec, texts, _, _ in SAMPLES + [(c + "2.mp3", c, (t,), 0, 0) for c, t in short]:
+            raw = list(zip(("TIT2", "TPE1", "TALB"), [t.encode(codec) for t in texts]))
+            sb.file(name, tagged_mp3(AUDIO, raw), mtime=1600000000)
+        program = sb.path("prog", "mediawalk")
+        os.makedirs(os.path.dirname(program))
+        self.addCleanup(setattr, harness, "BIN", harness.BIN)
+        spawning = harness.BIN
+        for codepage in ("cp936\n", "cp850\n"):
+            sb.write_codepage(codepage)
+            dbs = {}
+            for source in (spawning, BUILTIN_BIN):
+                if source == spawning:
+                    sb.real_detector(DETECTOR)
+                else:
+                    sb.detector(missing=True)
+                shutil.copy2(source, program)
+                harness.BIN = program
+                self.run_ok()
+                with open(sb.db_path(), "rb") as f:
+                    db = bytearray(f.read())
+                db[24:28] = db[92:96] = bytes(4)  # change counters may differ
+                dbs[source] = bytes(db)
+            self.assertEqual(dbs[spawning], dbs[BUILTIN_BIN], codepage)
+            title = dict(sb.query("SELECT Real_fname, Title FROM music_tbl"))[b"gbk2.mp3"]
+            self.assertEqual(title == "你好".encode(), codepage == "cp936\n", title)
 
 
 if __name__ == "__main__":
