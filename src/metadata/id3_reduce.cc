@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "metadata/bytes.h"
+#include "platform/holders.h"
 
 namespace {
 
@@ -27,11 +28,32 @@ uint32_t syncsafe(const uint8_t* p, int n) {
   return v;
 }
 
-// The limits one file's tags share.
+// One zlib stream and its buffers for every compressed frame of a file: a tag may hold
+// thousands of them, and setting up a stream and two blocks for each is most of the work.
+struct Inflater : NoCopy {
+  z_stream z;
+  bool ready = false;
+  std::vector<uint8_t> input, output;
+  ~Inflater() {
+    if (ready) inflateEnd(&z);
+  }
+  // A stream at its start; false when zlib cannot give one.
+  bool start() {
+    if (ready) return inflateReset(&z) == Z_OK;
+    memset(&z, 0, sizeof z);
+    if (inflateInit(&z) != Z_OK) return false;
+    input.resize(kBlock);
+    output.resize(kBlock);
+    return ready = true;
+  }
+};
+
+// The limits one file's tags share, and its inflater.
 struct Allowance {
   size_t reduced = kId3ReducedMax;
   unsigned long long inflate = kId3InflateMax;
   unsigned long long read = kId3ReadMax;
+  Inflater inflater;
 };
 
 // The decoded bytes of a range of the file: with unsynchronisation undone when asked, a zero
@@ -160,10 +182,11 @@ struct Limited {
 // buffer as an empty one). The first kId3FrameProbe bytes it gives go to *head.
 bool inflates_to(Limited* in, uint64_t declared, Allowance* allow, std::vector<uint8_t>* head) {
   if (declared > allow->inflate) return false;
-  z_stream z;
-  memset(&z, 0, sizeof z);
-  if (inflateInit(&z) != Z_OK) return false;
-  std::vector<uint8_t> input(kBlock), output(kBlock);
+  Inflater& inf = allow->inflater;
+  if (!inf.start()) return false;
+  z_stream& z = inf.z;
+  std::vector<uint8_t>& input = inf.input;
+  std::vector<uint8_t>& output = inf.output;
   uint64_t produced = 0;
   int rc = Z_OK;
   while (rc == Z_OK && produced <= declared) {
@@ -183,7 +206,6 @@ bool inflates_to(Limited* in, uint64_t declared, Allowance* allow, std::vector<u
     }
     produced += made;
   }
-  inflateEnd(&z);
   allow->inflate -= produced < allow->inflate ? produced : allow->inflate;
   return rc == Z_STREAM_END && (produced == declared || (declared == 0 && produced == 1));
 }
