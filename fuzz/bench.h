@@ -13,8 +13,23 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define MEDIAWALK_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define MEDIAWALK_ASAN 1
+#endif
+#endif
+#ifdef MEDIAWALK_ASAN
+// ASan's allocator interface (not every compiler ships its header).
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void*, size_t),
+                                                        void (*)(const volatile void*));
+extern "C" size_t __sanitizer_get_allocated_size(const volatile void* p);
+#endif
 
 namespace fuzz {
 
@@ -104,6 +119,54 @@ inline long peak_rss_kib() {
   getrusage(RUSAGE_SELF, &u);
   return u.ru_maxrss;
 }
+
+// How much more memory the process needed at its peak while a routine ran,
+// in KiB. Normally the growth of the peak resident size. Under ASan that
+// size also holds the freed blocks ASan keeps aside to catch late uses, so a
+// routine that allocates and frees a lot looks huge; there the peak of the
+// bytes actually allocated is watched instead, through ASan's hooks.
+class PeakGrowth {
+ public:
+  PeakGrowth() {
+#ifdef MEDIAWALK_ASAN
+    static const bool hooked = __sanitizer_install_malloc_and_free_hooks(on_malloc, on_free) != 0;
+    (void)hooked;
+    start_ = live().load();
+    peak().store(start_);
+#else
+    start_ = peak_rss_kib();
+#endif
+  }
+  long kib() const {
+#ifdef MEDIAWALK_ASAN
+    return (peak().load() - start_) / 1024;
+#else
+    return peak_rss_kib() - start_;
+#endif
+  }
+
+ private:
+#ifdef MEDIAWALK_ASAN
+  static std::atomic<long>& live() {
+    static std::atomic<long> bytes{0};
+    return bytes;
+  }
+  static std::atomic<long>& peak() {
+    static std::atomic<long> bytes{0};
+    return bytes;
+  }
+  static void on_malloc(const volatile void*, size_t size) {
+    const long now = live().fetch_add(long(size)) + long(size);
+    long seen = peak().load();
+    while (now > seen && !peak().compare_exchange_weak(seen, now)) {
+    }
+  }
+  static void on_free(const volatile void* p) {
+    live().fetch_sub(long(__sanitizer_get_allocated_size(p)));
+  }
+#endif
+  long start_;
+};
 
 // True when text[0..cap) holds its terminator.
 inline bool terminated(const char* text, size_t cap) { return memchr(text, '\0', cap) != nullptr; }

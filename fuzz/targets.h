@@ -512,9 +512,9 @@ class Mp3Tags : public Target {
     info.fname = fname;
     info.type = type;
     const int fd = lowest_free_fd();
-    const long peak = peak_rss_kib();
+    const PeakGrowth growth;
     const int r = scan_get_mp3tags(path.c_str(), &info);
-    const long grown = peak_rss_kib() - peak;
+    const long grown = growth.kib();
     const int fd_after = lowest_free_fd();
     std::string failed;
     if (fd_after != fd) failed = "descriptor left open";
