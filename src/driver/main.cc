@@ -90,9 +90,13 @@ void use_single_thread_sqlite() {
 // files); a killed run still leaves a journal that undoes the transaction it
 // cut. Only a power cut during the run can now leave a broken file where it
 // left a partial one, and the next run builds it anew either way.
+// Holding the file lock for the whole run spares every commit its lock round
+// trip and its re-read of the header; only the header's two transaction
+// counters (bytes 24-27 and 92-95) then differ, which no reader uses.
 void use_quick_commits() {
   (void)sql_exec("PRAGMA synchronous=OFF;");
   (void)sql_exec("PRAGMA journal_mode=PERSIST;");
+  (void)sql_exec("PRAGMA locking_mode=EXCLUSIVE;");
 }
 
 // Deletes the kept journal, as the default mode would have, and puts the
