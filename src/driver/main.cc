@@ -21,6 +21,7 @@
 #include "driver/progress.h"
 #include "encoding/codepage.h"
 #include "library/flags.h"
+#include "library/media_types.h"
 #include "library/objid.h"
 #include "library/playlist.h"
 #include "library/schema.h"
@@ -28,6 +29,7 @@
 #include "library/sql.h"
 #include "library/walk.h"
 #include "platform/holders.h"
+#include "platform/read_ahead.h"
 #include "platform/text.h"
 #include "platform/xmldb.h"
 
@@ -119,6 +121,13 @@ void close_database(const char*, const char*) {
   db_ptr = nullptr;
 }
 #endif
+
+// The files the walk's readers read: music, photos and videos.
+bool read_in_walk(const char* name) {
+  const char* dot = strrchr(name, '.');
+  const MediaClass media_class = dot == nullptr ? kClassNone : media_class_of(dot);
+  return media_class == kClassMusic || media_class == kClassPhoto || media_class == kClassVideo;
+}
 
 void remove_marker_by_shell() {
   // The shell's status is not examined, as nothing more can be done here.
@@ -246,12 +255,14 @@ int run(int argc, char** argv) {
   }
 
   puts("Scan Music -->");
+  read_ahead_start(read_in_walk);
   if (ScanMusic(sharefolder, 0) == 0) puts("1scan file fail");
   while (queue_has_folders()) {
     int layer = 0;
     delqueue(sharefolder, &layer);
     if (ScanMusic(sharefolder, layer) == 0) puts("2scan file fail");
   }
+  read_ahead_stop();
 
   puts("Parse playlist-->");
   if (parser_playlist() == 0) puts("parser_playlist fail");

@@ -24,6 +24,7 @@
 #include "metadata/music_info.h"
 #include "metadata/video.h"
 #include "platform/holders.h"
+#include "platform/read_ahead.h"
 #include "platform/regular_file.h"
 #include "platform/text.h"
 
@@ -406,6 +407,7 @@ int ScanMusic(const char* path, int layer) {
     if (!insert_folder_row(path, layer)) return 0;
     const size_t path_len = strlen(path);
     for (int i = 0; i < list.count; ++i) {
+      read_ahead_at(path, list.entries, list.count, i);
       if (!scan_entry(path, path_len, list.entries[i]->d_name, layer)) return 0;
     }
     ++init_objid.media_path_objid;
