@@ -1,6 +1,7 @@
 #include "platform/read_ahead.h"
 
 #include <fcntl.h>
+#include <string.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -28,6 +29,7 @@ constexpr off_t kTail = 4 * 1024;
 struct Job {
   unsigned long long seq;  // the entry's place in the walk
   std::string path;
+  size_t name_at;          // where the entry's name begins in path
 };
 
 struct Helper {
@@ -68,7 +70,8 @@ void run(Helper* h) {
       h->jobs.pop_front();
       if (job.seq <= h->walk_seq) continue;  // the walk got there first
     }
-    advise(job.path);
+    // Judged here rather than in the walk, which then pays only for the hand-over.
+    if (h->wanted(job.path.c_str() + job.name_at)) advise(job.path);
   }
 }
 
@@ -106,9 +109,10 @@ void read_ahead_at(const char* folder, struct dirent64* const* entries, int coun
   bool pushed = false;
   for (; h->handed < end; ++h->handed) {
     const struct dirent64* e = entries[h->handed];
-    if (e->d_name[0] == '.' || (e->d_type != DT_REG && e->d_type != DT_UNKNOWN) || !h->wanted(e->d_name)) continue;
-    h->jobs.push_back(Job{h->folder_seq + static_cast<unsigned long long>(h->handed),
-                          std::string(folder) + e->d_name});
+    if (e->d_name[0] == '.' || (e->d_type != DT_REG && e->d_type != DT_UNKNOWN)) continue;
+    Job job{h->folder_seq + static_cast<unsigned long long>(h->handed), folder, strlen(folder)};
+    job.path += e->d_name;
+    h->jobs.push_back(std::move(job));
     pushed = true;
   }
   if (pushed) h->wake.notify_one();

@@ -14,7 +14,7 @@
 
 #include <dirent.h>
 
-// How many files the helper keeps ahead of the walk at most.
+// How many entries the helper keeps ahead of the walk at most.
 constexpr int kReadAheadFiles = 8;
 
 // Starts the helper thread, with SIGTERM blocked in it so that the signal is
@@ -25,7 +25,8 @@ void read_ahead_start(bool (*wanted)(const char* name));
 
 // The walk is about to handle entry `index` of the `count` entries of
 // `folder` (which ends in "/"): the helper is handed the regular files among
-// the entries up to kReadAheadFiles ahead, and drops what the walk has passed.
+// the entries up to kReadAheadFiles ahead (and advises those `wanted`
+// accepts), and drops what the walk has passed.
 void read_ahead_at(const char* folder, struct dirent64* const* entries, int count, int index);
 
 // Ends the helper and waits for it. The termination handler needs no call:
