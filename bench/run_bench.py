@@ -13,6 +13,12 @@ playlist cost, each committing on its own. Each phase's time is taken from when 
 program's stdout is line-buffered); "count" includes the sandbox's start. CPU time and peak
 resident memory come from /usr/bin/time run inside the sandbox: the program's own, with the
 largest of the shells and detectors it starts. With several runs the fastest is kept.
+
+Run as root, it adds cold-cache rows per size: the page cache is dropped ("sync; echo 3 >
+/proc/sys/vm/drop_caches") before each run of the floor's read pass (walk, lstat and the first
+4 KiB of every media file, one at a time, no database) and before each scan with no detector,
+and the cold scan's "× floor" is against that read pass. Without root they are skipped, with a
+note saying so.
 """
 
 import argparse
@@ -136,7 +142,13 @@ LABELS = {"none": "no detector", "stub": "stub detector", "tool": "shipped detec
           "builtin": "built-in detector"}
 
 
-def scan(share, mode, runs, timeout, extra_env=(), tool=None, builtin_bin=None):
+def drop_caches():
+    subprocess.run(["sync"], check=True)
+    with open("/proc/sys/vm/drop_caches", "w") as f:
+        f.write("3\n")
+
+
+def scan(share, mode, runs, timeout, extra_env=(), tool=None, builtin_bin=None, before=None):
     import harness
     saved_bin = harness.BIN
     if mode == "builtin":
@@ -159,6 +171,8 @@ def scan(share, mode, runs, timeout, extra_env=(), tool=None, builtin_bin=None):
                              "the no-detector runs would not be without one")
         best = None
         for _ in range(runs):
+            if before:
+                before()
             status, wall, seen, rss, cpu, out = timed_run(sb, timeout)
             phases = phase_times(seen, wall)
             if status != 1 or phases is None:
@@ -180,15 +194,21 @@ def _scanned(out):
     return 0
 
 
-def floor(program, share, work, runs, commits=None):
-    """The floor program's best run over the share, or with commits=N its N one-row transactions."""
-    args = ["--commits", str(commits)] if commits is not None else [share]
+def floor(program, share, work, runs, commits=None, cold=False):
+    """The floor program's best run over the share, or with commits=N its N one-row transactions,
+    or with cold set its read pass with the page cache dropped before each run."""
+    db = os.path.join(work, "floor.db")
+    if cold:
+        args = ["--read-pass", share]
+    else:
+        args = (["--commits", str(commits)] if commits is not None else [share]) + [db]
     best = None
     for _ in range(runs):
-        db = os.path.join(work, "floor.db")
+        if cold:
+            drop_caches()
         started = time.monotonic()
         rss_file = os.path.join(work, "floor.maxrss")
-        proc = subprocess.Popen(measured([program], rss_file) + args + [db], stdout=subprocess.PIPE)
+        proc = subprocess.Popen(measured([program], rss_file) + args, stdout=subprocess.PIPE)
         out = proc.stdout.read()
         _, status, usage = os.wait4(proc.pid, 0)
         wall = time.monotonic() - started
@@ -198,7 +218,8 @@ def floor(program, share, work, runs, commits=None):
         if best is None or wall < best["wall"]:
             rss, cpu = peak_rss(rss_file, usage)
             best = {"wall": wall, "rss": rss, "cpu": cpu, "out": out.decode().strip()}
-        os.unlink(db)
+        if os.path.exists(db):
+            os.unlink(db)
     return best
 
 
@@ -227,6 +248,8 @@ def main():
     ap.add_argument("--timeout", type=float, default=3600)
     ap.add_argument("--out", help="also write the table (markdown) to this file")
     ap.add_argument("--label", default="", help="a line shown above the table")
+    ap.add_argument("--cold", choices=("auto", "no"), default="auto",
+                    help="cold-cache rows: auto adds them when run as root")
     ap.add_argument("--env", action="append", default=[], metavar="NAME=VALUE",
                     help="an extra environment variable for the program (for experiments)")
     args = ap.parse_args()
@@ -241,6 +264,9 @@ def main():
         raise SystemExit("run_bench.py: cannot sandbox here: " + problem)
 
     sizes = [int(s) for s in args.sizes.split(",")]
+    cold = args.cold == "auto" and os.geteuid() == 0
+    if args.cold == "auto" and not cold:
+        print("cold-cache rows skipped: dropping the page cache needs root", flush=True)
     modes = args.modes.split(",")
     for mode, path in (("tool", args.tool), ("builtin", args.builtin_bin)):
         if mode in modes and not (path and os.path.isfile(path)):
@@ -291,7 +317,8 @@ def main():
         + ["%s on %s, %d CPUs, Python %s; best of %d runs; share seed %d." % (
             stamp, platform.node() or "this machine", os.cpu_count() or 0, platform.python_version(),
             args.runs, args.seed), ""]
-        + rows + [""] + notes) + "\n"
+        + rows + [""] + notes
+        + ([] if cold else ["", "Cold-cache rows skipped: dropping the page cache needs root."])) + "\n"
     print()
     print(text)
     if args.out:

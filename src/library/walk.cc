@@ -29,6 +29,7 @@
 #include "metadata/music_info.h"
 #include "metadata/video.h"
 #include "platform/holders.h"
+#include "platform/read_ahead.h"
 #include "platform/regular_file.h"
 #include "platform/text.h"
 
@@ -416,8 +417,9 @@ int ScanMusic(const char* path, int layer) {
     // On a failed statement the folder keeps its identifier unspent: the
     // next folder scanned is given the same ObjID.
     if (!insert_folder_row(path, layer)) return 0;
-    for (const std::string& name : names) {
-      if (!scan_entry(folder, name.c_str(), layer)) return 0;
+    for (size_t i = 0; i < names.size(); ++i) {
+      if (folder.base == dir_fd) read_ahead_at(dir_fd, names, i);
+      if (!scan_entry(folder, names[i].c_str(), layer)) return 0;
     }
     ++init_objid.media_path_objid;
   }

@@ -13,6 +13,7 @@
 #include <new>
 
 #include "metadata/bytes.h"
+#include "metadata/read_range.h"
 #include "platform/holders.h"
 #include "platform/regular_file.h"
 
@@ -22,33 +23,50 @@ namespace {
 
 enum ImageType : int32_t { kBmp = 0, kJpeg = 1, kGif = 2, kTiff = 3, kPng = 4 };
 
-// Reads up to len bytes at the stream's position into buf, which the caller
-// has zeroed: a short file leaves the rest of the buffer as zeros, which is
-// what the readers then decode.
-size_t read_into(FILE* f, uint8_t* buf, size_t len) { return fread(buf, 1, len, f); }
+// The first bytes of a file: enough for the dispatch, a BMP header, a GIF
+// screen descriptor and a PNG header that follows the signature directly.
+constexpr size_t kHeadSize = 32;
+
+// The open file as the readers see it. Every range they need has a known
+// place and size, so each is read with one pread into a buffer of that size;
+// the first bytes are read once, for the dispatch, and handed out from here.
+struct Source {
+  int fd = -1;
+  bool have_size = false;  // the one status query succeeded
+  off_t size = 0;          // 0 when it failed
+  uint8_t head[kHeadSize] = {};
+  size_t head_len = 0;     // bytes of head the file had
+
+  // Reads up to len bytes at pos into buf, which the caller has zeroed: a
+  // short file leaves the rest of the buffer as zeros, which is what the
+  // readers then decode. Returns how many bytes arrived.
+  size_t read(off_t pos, uint8_t* buf, size_t len) const {
+    if (pos < 0) return 0;
+    size_t got = 0;
+    if (pos < static_cast<off_t>(head_len)) {
+      got = head_len - size_t(pos) < len ? head_len - size_t(pos) : len;
+      memcpy(buf, head + pos, got);
+      if (got == len) return got;
+    }
+    if (head_len < kHeadSize) return got;  // the file ended inside the head
+    return got + read_range(fd, pos + static_cast<off_t>(got), buf + got, len - got);
+  }
+};
 
 // Each reader records the size it saw; the record has 32 bits for it, so a
 // larger file is stored as the largest value that fits.
-void note_file_size(ImageInfo* info) {
-  struct stat st;
-  if (fstat(fileno(info->file), &st) != 0) return;
-  const uint64_t size = st.st_size < 0 ? 0 : uint64_t(st.st_size);
+void note_file_size(ImageInfo* info, const Source& src) {
+  if (!src.have_size) return;
+  const uint64_t size = uint64_t(src.size);
   info->file_size = size > UINT32_MAX ? UINT32_MAX : uint32_t(size);
-}
-
-off_t stream_size(FILE* f) {
-  struct stat st;
-  if (fstat(fileno(f), &st) != 0 || st.st_size < 0) return 0;
-  return st.st_size;
 }
 
 // BMP: bytes 18-19 width, 22-23 height, 28 bits per pixel. Only the low 16
 // bits of the 32-bit width and height fields are taken.
-void read_bmp(ImageInfo* info) {
-  note_file_size(info);
+void read_bmp(ImageInfo* info, const Source& src) {
+  note_file_size(info, src);
   uint8_t head[32] = {};
-  fseeko(info->file, 0, SEEK_SET);
-  read_into(info->file, head, sizeof head);
+  src.read(0, head, sizeof head);
   info->width = get_le16(head + 18);
   info->height = get_le16(head + 22);
   info->depth = head[28];
@@ -56,11 +74,10 @@ void read_bmp(ImageInfo* info) {
 
 // GIF logical screen descriptor at offset 6: width, height (little-endian),
 // then the packed byte whose low 3 bits give the global colour table size.
-void read_gif(ImageInfo* info) {
-  note_file_size(info);
+void read_gif(ImageInfo* info, const Source& src) {
+  note_file_size(info, src);
   uint8_t desc[5] = {};
-  fseeko(info->file, 6, SEEK_SET);
-  read_into(info->file, desc, sizeof desc);
+  src.read(6, desc, sizeof desc);
   info->width = get_le16(desc);
   info->height = get_le16(desc + 2);
   info->depth = (desc[4] & 7) + 1;
@@ -86,14 +103,13 @@ bool take_jpeg_frame(const uint8_t* p, ImageInfo* info) {
 // last kJpegLookahead zeros are read: a header that begins just before the
 // hole reaches into them as it would into its first ones. The rest of the
 // hole is stepped over, with the same result as reading every zero of it.
-void skip_hole(FILE* f, off_t size, uint64_t* data_left) {
+void skip_hole(FILE* f, off_t size, off_t* pos, uint64_t* data_left) {
   if (*data_left < 2 * kJpegScanChunk) return;
-  const off_t at = ftello(f);
-  if (at < 0) return;
+  const off_t at = *pos;
   const off_t data = next_data(f, at, size);
   const off_t skip = data - at - static_cast<off_t>(kJpegLookahead);
   if (skip < static_cast<off_t>(kJpegScanChunk) || uint64_t(skip) > *data_left) return;
-  if (fseeko(f, at + skip, SEEK_SET) != 0) return;
+  *pos = at + skip;
   *data_left -= uint64_t(skip);
 }
 
@@ -106,9 +122,9 @@ void skip_hole(FILE* f, off_t size, uint64_t* data_left) {
 // span in view. Bytes the file no longer has (it shrank, or a read failed)
 // count as zeros like the padding; zeros never start a header, so the scan
 // may end kJpegFrameSpan zeros after the last byte actually read.
-void read_jpeg(ImageInfo* info) {
-  note_file_size(info);
-  const off_t size = stream_size(info->file);
+void read_jpeg(ImageInfo* info, const Source& src) {
+  note_file_size(info, src);
+  const off_t size = src.size;
   uint64_t data_left = size > 10 ? uint64_t(size) - 10 : 0;
   // The virtual buffer is size bytes long; with fewer than 10 the read after
   // the dispatch finds nothing and the buffer is all zeros.
@@ -119,12 +135,14 @@ void read_jpeg(ImageInfo* info) {
   if (!holder) return;
   uint8_t* const window = holder.get();
   size_t have = 0;
+  off_t pos = 10;
   for (;;) {
-    skip_hole(info->file, size, &data_left);
+    skip_hole(info->file, size, &pos, &data_left);
     size_t room = kWindowSize - have;
     while (room > 0 && data_left > 0) {
       const size_t want = data_left < room ? size_t(data_left) : room;
-      const size_t got = fread(window + have, 1, want, info->file);
+      const size_t got = src.read(pos, window + have, want);
+      pos += static_cast<off_t>(got);
       have += got;
       room -= got;
       data_left -= got;
@@ -168,19 +186,27 @@ uint32_t get_ordered(const uint8_t* p, size_t n, bool big_endian) {
   return uint32_t(v);
 }
 
-void read_tiff(ImageInfo* info) {
-  note_file_size(info);
-  FILE* f = info->file;
+// Directory entries are read this many at a time: the sizes come early in a
+// directory, so one read usually holds them, and a huge directory is still
+// read in small pieces.
+constexpr unsigned kTiffBatch = 16;
+constexpr size_t kTiffEntrySize = 12;
+
+void read_tiff(ImageInfo* info, const Source& src) {
+  note_file_size(info, src);
   uint8_t head[8] = {};
-  fseeko(f, 0, SEEK_SET);
-  read_into(f, head, sizeof head);
+  src.read(0, head, sizeof head);
   const bool be = head[0] == 'M' && head[1] == 'M';
   const uint32_t ifd = be ? get_be32(head + 4) : get_le32(head + 4);
 
   uint8_t count_bytes[2] = {};
-  fseeko(f, off_t(ifd), SEEK_SET);
-  read_into(f, count_bytes, sizeof count_bytes);
+  src.read(off_t(ifd), count_bytes, sizeof count_bytes);
   const unsigned entries = be ? get_be16(count_bytes) : get_le16(count_bytes);
+  off_t pos = off_t(ifd) + 2;
+  uint8_t batch[kTiffBatch * kTiffEntrySize];
+  size_t batch_len = 0;   // bytes the last read brought
+  size_t batch_end = 0;   // bytes it asked for
+  size_t batch_at = 0;    // the next entry's place in it
 
   bool three_bits = false;
   uint32_t bits_size = 0;
@@ -189,8 +215,18 @@ void read_tiff(ImageInfo* info) {
   // At most 65535 entries, and a short read ends the directory: the bytes
   // beyond the file's end would all be zeros, which match no tag.
   for (unsigned e = 0; e < entries && found < 3; ++e) {
-    uint8_t entry[12] = {};
-    const size_t got = read_into(f, entry, sizeof entry);
+    if (batch_at == batch_end) {
+      const unsigned n = entries - e < kTiffBatch ? entries - e : kTiffBatch;
+      batch_end = n * kTiffEntrySize;
+      batch_len = src.read(pos, batch, batch_end);
+      pos += static_cast<off_t>(batch_end);
+      batch_at = 0;
+    }
+    uint8_t entry[kTiffEntrySize] = {};
+    const size_t left = batch_len > batch_at ? batch_len - batch_at : 0;
+    const size_t got = left < sizeof entry ? left : sizeof entry;
+    memcpy(entry, batch + batch_at, got);
+    batch_at += sizeof entry;
     if (got == 0) break;
     const uint16_t tag = be ? get_be16(entry) : get_le16(entry);
     const uint32_t size = tiff_type_size(be ? get_be16(entry + 2) : get_le16(entry + 2));
@@ -226,8 +262,7 @@ void read_tiff(ImageInfo* info) {
 
   if (three_bits) {
     uint8_t bits[3 * 8] = {};
-    fseeko(f, off_t(bits_offset), SEEK_SET);
-    read_into(f, bits, 3 * bits_size);
+    src.read(off_t(bits_offset), bits, 3 * bits_size);
     uint32_t depth = uint32_t(info->depth);
     for (uint32_t k = 0; k < 3; ++k) depth += get_ordered(bits + k * bits_size, bits_size, be);
     info->depth = int32_t(depth);
@@ -239,26 +274,25 @@ void read_tiff(ImageInfo* info) {
 // huge file of tiny chunks would otherwise be walked to its end.
 constexpr int kPngMaxChunks = 65536;
 
-void read_png(ImageInfo* info) {
-  note_file_size(info);
-  FILE* f = info->file;
-  fseeko(f, 8, SEEK_SET);
+void read_png(ImageInfo* info, const Source& src) {
+  note_file_size(info, src);
+  off_t pos = 8;
   bool have_ihdr = false;
   for (int n = 0; n < kPngMaxChunks; ++n) {
     uint8_t chunk[8] = {};
-    if (read_into(f, chunk, sizeof chunk) < sizeof chunk) return;  // no IHDR before the end
+    if (src.read(pos, chunk, sizeof chunk) < sizeof chunk) return;  // no IHDR before the end
+    pos += static_cast<off_t>(sizeof chunk);
     if (memcmp(chunk + 4, "IHDR", 4) == 0) {
       have_ihdr = true;
       break;
     }
-    const off_t skip = off_t(get_be32(chunk)) + 4;  // data and CRC
-    if (fseeko(f, skip, SEEK_CUR) != 0) return;
+    pos += off_t(get_be32(chunk)) + 4;  // data and CRC
     if (memcmp(chunk + 4, "IEND", 4) == 0) return;
   }
   if (!have_ihdr) return;
 
   uint8_t ihdr[13] = {};
-  read_into(f, ihdr, sizeof ihdr);
+  src.read(pos, ihdr, sizeof ihdr);
   info->width = int32_t(get_be32(ihdr));
   info->height = int32_t(get_be32(ihdr + 4));
   const int bit_depth = ihdr[8];
@@ -297,27 +331,40 @@ int get_img_size(ImageInfo* info) {
     return 0;
   }
   info->file = file.get();
+  Source src;
+  src.fd = fileno(info->file);
+  src.head_len = read_range(src.fd, 0, src.head, sizeof src.head);
 
   // The tests read the first bytes as text, so each looks only in front of
   // the first zero byte: "BM" behind a JPEG marker makes a BMP.
   char magic[11] = {};
-  read_into(info->file, reinterpret_cast<uint8_t*>(magic), 10);
-  const uint8_t* raw = reinterpret_cast<const uint8_t*>(magic);
+  memcpy(magic, src.head, 10);
+  const uint8_t* raw = src.head;
+  void (*reader)(ImageInfo*, const Source&) = nullptr;
   if (strstr(magic, "BM") != nullptr) {
     info->type = kBmp;
-    read_bmp(info);
+    reader = read_bmp;
   } else if (raw[0] == 0xFF && raw[1] == 0xD8) {
     info->type = kJpeg;
-    read_jpeg(info);
+    reader = read_jpeg;
   } else if (strstr(magic, "GIF") != nullptr) {
     info->type = kGif;
-    read_gif(info);
+    reader = read_gif;
   } else if (strstr(magic, "II") != nullptr || strstr(magic, "MM") != nullptr) {
     info->type = kTiff;
-    read_tiff(info);
+    reader = read_tiff;
   } else if (strstr(magic, kPngSignature) != nullptr) {
     info->type = kPng;
-    read_png(info);
+    reader = read_png;
+  }
+  if (reader != nullptr) {
+    // One size query per file, made only for a picture that is measured.
+    struct stat st;
+    if (fstat(src.fd, &st) == 0) {
+      src.have_size = true;
+      src.size = st.st_size < 0 ? 0 : st.st_size;
+    }
+    reader(info, src);
   } else {
     info->type = kJpeg;
     info->file = nullptr;

@@ -4,10 +4,12 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include "log/err_log.h"
 #include "metadata/bytes.h"
+#include "metadata/read_range.h"
 #include "platform/holders.h"
 #include "platform/regular_file.h"
 
@@ -62,8 +64,14 @@ bool is_xing(const uint8_t* p) {
   return true;
 }
 
-bool read_at(FILE* f, off_t pos, uint8_t* buf, size_t len) {
-  return fseeko(f, pos, SEEK_SET) == 0 && fread(buf, 1, len, f) == len;
+// The four bytes at pos, taken from the block already read from block_pos
+// when they lie inside it, else read from the file.
+bool four_bytes_at(int fd, off_t pos, const uint8_t* block, off_t block_pos, size_t block_len, uint8_t* out) {
+  if (pos >= block_pos && pos - block_pos <= static_cast<off_t>(block_len) - 4) {
+    memcpy(out, block + (pos - block_pos), 4);
+    return true;
+  }
+  return read_range(fd, pos, out, 4) == 4;
 }
 
 // A block of zeros holds no sync byte, so the search only moves on from it,
@@ -164,15 +172,14 @@ int mp3_decode_frame_header(const uint8_t* p, Mp3Frame* frame) {
   return 0;
 }
 
-void mp3_average_bitrate(FILE* f, Mp3Frame* first) {
+void mp3_average_bitrate(int fd, int64_t file_size, Mp3Frame* first) {
   err_log(9, kLogModuleScan, "Starting averaging bitrate\n");
-  if (fseeko(f, 0, SEEK_END) != 0) return;
-  const int64_t file_size = ftello(f);
   if (file_size < 0) return;
   const off_t start = static_cast<off_t>(file_size / 2);
 
+  // Most of the ten headers lie in the window, so they are taken from it.
   uint8_t window[kMiddleSize];
-  if (!read_at(f, start, window, sizeof window)) return;
+  if (read_range(fd, start, window, sizeof window) != sizeof window) return;
 
   Mp3Frame frame{};
   size_t index = 0;
@@ -184,7 +191,8 @@ void mp3_average_bitrate(FILE* f, Mp3Frame* first) {
     }
     if (mp3_decode_frame_header(window + index, &frame) == 0) {
       uint8_t next[4];
-      if (!read_at(f, start + static_cast<off_t>(index) + frame.frame_length, next, sizeof next)) {
+      const off_t next_pos = start + static_cast<off_t>(index) + frame.frame_length;
+      if (!four_bytes_at(fd, next_pos, window, start, sizeof window, next)) {
         err_log(9, kLogModuleScan, "Could not read frame header\n");
         return;
       }
@@ -199,7 +207,7 @@ void mp3_average_bitrate(FILE* f, Mp3Frame* first) {
   int32_t sum = 0;
   for (int i = 0; i < kAveragedFrames; ++i) {
     uint8_t head[4];
-    if (!read_at(f, pos, head, sizeof head)) {
+    if (!four_bytes_at(fd, pos, window, start, sizeof window, head)) {
       err_log(9, kLogModuleScan, "Could not read frame header\n");
       return;
     }
@@ -223,20 +231,23 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
     printf("Could not open %s for reading\n", path);
     return -1;
   }
+  // The stream only holds the descriptor for the hole queries: every read
+  // below is a pread of the bytes the search needs, so nothing is read twice.
   FILE* f = file.get();
+  const int fd = fileno(f);
 
   Mp3Frame frame{};
   int64_t file_size = 0;
-  if (fseeko(f, 0, SEEK_END) == 0) {
-    const off_t end = ftello(f);
-    if (end > 0) file_size = end;
-  }
+  struct stat st;
+  if (fstat(fd, &st) == 0 && st.st_size > 0) file_size = st.st_size;
   info->file_size = static_cast<uint32_t>(file_size);  // the record keeps the low 32 bits
-  rewind(f);
 
-  uint8_t block[kBlockSize];
-  if (fread(block, 1, sizeof block, f) < sizeof block) {
-    if (!ferror(f)) {
+  // The first block is kept: the search starts over at byte 0 when no frame
+  // follows the tag, and reads it from here rather than from the file.
+  uint8_t first[kBlockSize];
+  bool failed = false;
+  if (read_range(fd, 0, first, sizeof first, &failed) < sizeof first) {
+    if (!failed) {
       printf("Short file: %s\n", path);
       err_log(1, kLogModuleScan, "Short file: %s\n", path);
     } else {
@@ -249,11 +260,13 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
 
   off_t offset = 0;
   bool tag_skipped = false;
-  if (memcmp(block, "ID3", 3) == 0) {
+  uint8_t block[kBlockSize];
+  const uint8_t* const head = first;
+  if (memcmp(head, "ID3", 3) == 0) {
     err_log(9, kLogModuleScan, "Found ID3 header\n");
     // Synchsafe: seven bits from each of bytes 6 to 9, byte 6 highest.
-    const int32_t tag_size = int32_t(block[6] & 0x7F) << 21 | int32_t(block[7] & 0x7F) << 14 |
-                             int32_t(block[8] & 0x7F) << 7 | int32_t(block[9] & 0x7F);
+    const int32_t tag_size = int32_t(head[6] & 0x7F) << 21 | int32_t(head[7] & 0x7F) << 14 |
+                             int32_t(head[8] & 0x7F) << 7 | int32_t(head[9] & 0x7F);
     err_log(9, kLogModuleScan, "Header length: %d\n", tag_size);
     offset = tag_size + 10;
     tag_skipped = true;
@@ -271,7 +284,9 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
     if (zero_block && !tag_skipped && err_log_level() < 9) offset = past_zero_blocks(f, offset, file_size);
     zero_block = false;
     err_log(9, kLogModuleScan, "Reading in new block at %d\n", static_cast<int>(offset));
-    if (!read_at(f, offset, block, sizeof block)) {
+    if (offset == 0) {
+      memcpy(block, first, sizeof block);
+    } else if (read_range(fd, offset, block, sizeof block) != sizeof block) {
       printf("Short read: %s\n", path);
       err_log(1, kLogModuleScan, "Short read: %s\n", path);
       return 0;
@@ -306,7 +321,7 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
           err_log(9, kLogModuleScan, "Found valid frame at %04x\n", static_cast<unsigned>(here));
           err_log(9, kLogModuleScan, "Checking at %04x\n", static_cast<unsigned>(next_pos));
           uint8_t next[4];
-          if (!read_at(f, next_pos, next, sizeof next)) {
+          if (!four_bytes_at(fd, next_pos, block, offset, sizeof block, next)) {
             printf("Could not read frame header: %s\n", path);
             err_log(1, kLogModuleScan, "Could not read frame header: %s\n", path);
             return 0;
@@ -356,7 +371,7 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
     if (flags & 0x1) frame.number_of_frames = get_be16(xing + 8);
   }
 
-  mp3_average_bitrate(f, &frame);
+  mp3_average_bitrate(fd, file_size, &frame);
   info->bitrate = frame.bitrate;
   info->sample_rate = frame.sample_rate;
 

@@ -35,7 +35,8 @@ struct Mp3Frame {
 int mp3_decode_frame_header(const uint8_t* p, Mp3Frame* frame);
 
 // Replaces first->bitrate by the mean of ten consecutive frame bitrates taken
-// from the middle of f; leaves it as it is when that pass fails anywhere.
-void mp3_average_bitrate(FILE* f, Mp3Frame* first);
+// from the middle of the file open on fd, file_size bytes long; leaves it as
+// it is when that pass fails anywhere.
+void mp3_average_bitrate(int fd, int64_t file_size, Mp3Frame* first);
 
 #endif  // MEDIAWALK_METADATA_MPEG_AUDIO_H_

@@ -285,6 +285,24 @@ def connect_read_only(path):
     return sqlite3.connect("file:%s?mode=ro" % urllib.parse.quote(path), uri=True)
 
 
+def connect_committed(path):
+    """Opens, in memory, what a database file holds committed: a copy, with any journal left
+    beside it rolled back. The writer may still hold its lock; its files are never changed."""
+    with tempfile.TemporaryDirectory() as tmp:
+        copy = os.path.join(tmp, "db")
+        for suffix in ("", "-journal"):
+            if os.path.exists(path + suffix):
+                shutil.copyfile(path + suffix, copy + suffix)
+        con = sqlite3.connect(copy)
+        con.execute("SELECT count(*) FROM sqlite_master").fetchall()  # rolls a hot journal back
+        image = con.serialize() if os.path.getsize(copy) else None  # an empty file has no image
+        con.close()
+    mem = sqlite3.connect(":memory:")
+    if image is not None:
+        mem.deserialize(image)
+    return mem
+
+
 # --------------------------------------------------------------------------------------------
 # Looking at a running program from outside
 
@@ -555,7 +573,7 @@ class Sandbox:
         env.update(self.extra_env)
         return env
 
-    def run(self, args=(), timeout=RUN_TIMEOUT, xmldb="answer", status=0, during=None):
+    def run(self, args=(), timeout=RUN_TIMEOUT, xmldb="answer", status=0, during=None, stdout=subprocess.PIPE):
         """Runs the binary once; returns a RunResult.
 
         xmldb/status: mode and status word of the daemon stand-in, which lives for this run only
@@ -563,6 +581,7 @@ class Sandbox:
         during: optional callable(proc) run in a thread while the program runs; proc.pid is the
         program's own process (unshare and sandbox.sh exec into it), so it can be signalled.
         An exception raised in it is raised again here.
+        stdout: where the program's output goes; any other than the default leaves result.stdout empty.
         """
         self._ovl_work = tempfile.mkdtemp(prefix="ovl", dir=self.root)
         self.xmldb = XmldbDaemon(os.path.join(self.run_dir, XMLDB_SOCK), mode=xmldb, status=status)
@@ -572,7 +591,7 @@ class Sandbox:
         started = time.monotonic()
         try:
             proc = subprocess.Popen(self.command(args), env=self.environment(), stdin=subprocess.DEVNULL,
-                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, cwd=self.root)
+                                    stdout=stdout, stderr=subprocess.PIPE, cwd=self.root)
             if during is not None:
                 def call():
                     try:
@@ -594,7 +613,7 @@ class Sandbox:
             _rmtree(self._ovl_work)
         if helper_error:
             raise helper_error[0]
-        result = RunResult(proc.returncode, out, err.decode("utf-8", "replace"), time.monotonic() - started)
+        result = RunResult(proc.returncode, out or b"", err.decode("utf-8", "replace"), time.monotonic() - started)
         if proc.returncode == 125 and "sandbox.sh:" in result.stderr:
             raise AssertionError("sandbox set-up failed: " + result.stderr)
         return result

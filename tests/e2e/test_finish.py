@@ -233,11 +233,11 @@ while [ ! -e {go} ] && [ $i -lt 3000 ]; do sleep 0.01; i=$((i + 1)); done
 
     @staticmethod
     def snapshot(sb):
-        """What another connection sees: (tables, music rows with PlsFile, sorted rows, records)."""
+        """What the file holds committed: (tables, music rows with PlsFile, sorted rows, records)."""
         path = sb.db_path()
         if not os.path.exists(path):
             return None
-        con = harness.connect_read_only(path)
+        con = harness.connect_committed(path)
         con.text_factory = bytes
         try:
             tables = [n for (n,) in con.execute("SELECT name FROM sqlite_master WHERE type = 'table'")]

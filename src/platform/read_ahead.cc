@@ -1,0 +1,136 @@
+#include "platform/read_ahead.h"
+
+#include <fcntl.h>
+#include <string.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "platform/holders.h"
+#include "platform/regular_file.h"
+
+namespace {
+
+// What the readers read of a file lies mostly in its first 128 KiB (tags,
+// headers, the first frames); an MP3's bitrate comes from a window in its
+// middle, and a tag may sit at its end. A huge or sparse file gets no more.
+constexpr off_t kHead = 128 * 1024;
+constexpr off_t kMiddle = 32 * 1024;
+constexpr off_t kTail = 4 * 1024;
+
+struct Job {
+  unsigned long long seq;         // the entry's place in the walk
+  std::shared_ptr<Fd> folder;     // the helper's own descriptor of the entry's folder
+  std::string name;
+};
+
+struct Helper {
+  std::mutex mu;
+  std::condition_variable wake;
+  std::deque<Job> jobs;               // never more than kReadAheadFiles
+  unsigned long long walk_seq = 0;    // the entry the walk is at
+  unsigned long long folder_seq = 0;  // the number of entry 0 of the folder being walked
+  size_t handed = 0;                  // entries of that folder handed over or passed
+  std::shared_ptr<Fd> folder;         // the helper's descriptor of that folder
+  bool stop = false;
+  bool (*wanted)(const char* name) = nullptr;
+  std::thread thread;
+};
+
+Helper* helper = nullptr;
+
+void advise(const Job& job) {
+  // Opened as the readers open it: a FIFO, device or link is refused without blocking.
+  Fd fd(open_regular_at(job.folder->fd, job.name.c_str()));
+  struct stat st;
+  if (fd.fd < 0 || fstat(fd.fd, &st) != 0 || st.st_size <= 0) return;
+  const off_t size = st.st_size;
+  (void)posix_fadvise(fd.fd, 0, size < kHead ? size : kHead, POSIX_FADV_WILLNEED);
+  if (size <= kHead) return;
+  (void)posix_fadvise(fd.fd, size / 2, kMiddle, POSIX_FADV_WILLNEED);
+  const off_t tail = size - kTail > kHead ? size - kTail : kHead;
+  (void)posix_fadvise(fd.fd, tail, size - tail, POSIX_FADV_WILLNEED);
+}
+
+void run(Helper* h) {
+  for (;;) {
+    Job job;
+    {
+      std::unique_lock<std::mutex> lock(h->mu);
+      h->wake.wait(lock, [h] { return h->stop || !h->jobs.empty(); });
+      if (h->stop) return;
+      job = std::move(h->jobs.front());
+      h->jobs.pop_front();
+      if (job.seq <= h->walk_seq) continue;  // the walk got there first
+    }
+    // Judged here rather than in the walk, which then pays only for the hand-over.
+    if (h->wanted(job.name.c_str())) advise(job);
+  }
+}
+
+}  // namespace
+
+void read_ahead_start(bool (*wanted)(const char* name)) {
+  if (helper != nullptr || wanted == nullptr) return;
+  Helper* h = new Helper;
+  h->wanted = wanted;
+  sigset_t term, old;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &term, &old);
+  try {
+    h->thread = std::thread(run, h);
+    helper = h;
+  } catch (const std::system_error&) {
+    delete h;
+  }
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
+void read_ahead_at(int folder_fd, const std::vector<std::string>& names, size_t index) {
+  Helper* h = helper;
+  if (h == nullptr || folder_fd < 0 || index >= names.size()) return;
+  std::lock_guard<std::mutex> lock(h->mu);
+  if (index == 0) {  // a new folder: numbered on past every entry of the last one
+    h->folder_seq += static_cast<unsigned long long>(h->handed) + 1;
+    h->handed = 0;
+    h->folder = std::make_shared<Fd>(fcntl(folder_fd, F_DUPFD_CLOEXEC, 0));
+  }
+  h->walk_seq = h->folder_seq + static_cast<unsigned long long>(index);
+  while (!h->jobs.empty() && h->jobs.front().seq <= h->walk_seq) h->jobs.pop_front();
+  if (h->handed <= index) h->handed = index + 1;
+  if (!h->folder || h->folder->fd < 0) return;
+  const size_t end = names.size() - index > kReadAheadFiles ? index + 1 + kReadAheadFiles : names.size();
+  bool pushed = false;
+  for (; h->handed < end; ++h->handed) {
+    const std::string& name = names[h->handed];
+    if (name[0] == '.') continue;
+    h->jobs.push_back(Job{h->folder_seq + static_cast<unsigned long long>(h->handed), h->folder, name});
+    pushed = true;
+  }
+  if (pushed) h->wake.notify_one();
+}
+
+void read_ahead_stop() {
+  Helper* h = helper;
+  if (h == nullptr) return;
+  {
+    std::lock_guard<std::mutex> lock(h->mu);
+    h->stop = true;
+    h->jobs.clear();
+    h->folder.reset();
+  }
+  h->wake.notify_one();
+  h->thread.join();
+  helper = nullptr;
+  delete h;
+}
