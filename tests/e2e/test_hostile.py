@@ -638,7 +638,8 @@ class Termination(HostileCase):
 
         res = sb.run(during=terminate_when_held, timeout=90)
         self.assertIsNotNone(seen.get("marker"), "the run was not held with its marker in place")
-        self.assertIn(b"%d" % seen["pid"], seen["marker"].split())  # what pidof printed
+        if not harness.LAUNCHER:  # under an emulator the process is named after the emulator
+            self.assertIn(b"%d" % seen["pid"], seen["marker"].split())  # what pidof printed
         self.assertTrue(seen["detector"], "the detector outlived the scan")
         self.assertEqual(res.status, 0, res)
         self.assertEqual(res.lines[-1], b"mediawalk(): terminate")
