@@ -230,10 +230,10 @@ bool schema_table(const char* name) { return name != nullptr && strcmp(name, "sq
 // Allows what the scan's statements do and denies everything else: CREATE of
 // its tables and their indexes (which write and read the schema table),
 // INSERT and UPDATE of its tables without any SELECT in them, one SELECT of
-// its tables, the functions its SELECTs call, transactions and two pragmas.
+// its tables, the functions its SELECTs call, transactions and the run's three pragmas.
 int authorize(void*, int action, const char* a, const char* b, const char*, const char*) {
   static const char* const kFunctions[] = {"count", "upper", "lower", "substr", "like", nullptr};
-  static const char* const kPragmas[] = {"synchronous", "journal_mode", nullptr};
+  static const char* const kPragmas[] = {"synchronous", "journal_mode", "locking_mode", nullptr};
   bool ok = false;
   switch (action) {
     case SQLITE_CREATE_TABLE:
