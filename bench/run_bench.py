@@ -304,6 +304,14 @@ def main():
             if (size, "none") in walls and (size, mode) in walls:
                 notes.append("%d files, %s / no detector: %.2f" % (
                     size, LABELS[mode], walls[(size, mode)] / walls[(size, "none")]))
+        if cold:
+            fc = floor(args.floor, share, args.work, args.runs, cold=True)
+            rows.append(fmt_row(size, "floor read pass, cold", fc))
+            print(rows[-1], flush=True)
+            r = scan(share, "none", args.runs, args.timeout, args.env, before=drop_caches)
+            rows.append(fmt_row(size, "no detector, cold", r, fc["wall"]))
+            print(rows[-1], flush=True)
+            notes.append("%d files, cold cache, no detector: scan / floor read pass %.2f" % (size, r["wall"] / fc["wall"]))
 
     for mode in modes:
         for small, big in zip(sizes, sizes[1:]):
