@@ -3,6 +3,7 @@ are admitted and how they are classed, the common columns, the failure path of a
 counts published to xmldb while and after the scan runs."""
 
 import os
+import shlex
 import unittest
 
 import harness
@@ -177,19 +178,28 @@ class WalkRun(SandboxTestCase):
         self.assertEqual(self.final_counts(), ("1", "1"))
 
     def test_progress_is_published_while_the_scan_runs(self):
-        # The first file's tag sample goes to a detector that takes 7 seconds to answer, which
-        # holds the scan there over two publishing periods whatever the machine's speed.
+        # The first file's tag sample goes to a detector that answers only once the daemon has
+        # seen two publishing periods, which holds the scan there whatever the machine's speed.
         sb = self.sb
         with open(os.path.join(harness.FIXTURES, "audio", "cbr128_44k.mp3"), "rb") as f:
             sb.file("a_long.mp3", id3build.latin1_tag([("TIT2", b"Long")]) + f.read())
         for i in range(3):
             sb.file("b%d.srt" % i, b"1")
+        release = sb.path("release")
         slow = sb.path("bin", "detect_char_encode")
         with open(slow, "w") as f:
-            f.write("#!/bin/sh\nsleep 7\nprintf windows-1252\n")
+            f.write("#!/bin/sh\nwhile [ ! -e %s ]; do sleep 0.05; done\nprintf windows-1252\n"
+                    % shlex.quote(release))
         os.chmod(slow, 0o755)
-        res = self.run_ok()
-        self.assertGreater(res.elapsed, 3.5, "the run must outlast one publishing period")
+
+        def release_after_two_periods(proc):
+            try:
+                harness.wait_for(lambda: sum(r.node == NODE_SCANNED for r in sb.xmldb_requests()) >= 2,
+                                 timeout=60)
+            finally:
+                open(release, "w").close()
+
+        self.run_ok(during=release_after_two_periods)
 
         requests = [(r.node, r.value) for r in sb.xmldb_requests()]
         self.assertEqual(requests[-1], (NODE_DONE, "1"))
