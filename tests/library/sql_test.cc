@@ -70,6 +70,8 @@ const Case kCases[] = {
      "access to sqlite_master.sql is prohibited"},
     {"select fts3_tokenizer(\"%s\");", "simple", true, "not authorized to use function: fts3_tokenizer"},
     {"delete from music_tbl where No == \"%s\";", "1", false, "not authorized"},
+    {"select No from music_tbl where No in (select No from music_tbl where Title == \"%s\");", "x", true,
+     "not authorized"},
     {"PRAGMA locking_mode=%s;", "EXCLUSIVE", true, nullptr},  // the run's own settings
     {"PRAGMA journal_mode=%s;", "PERSIST", true, nullptr},
     {"PRAGMA writable_schema=%s;", "ON", false, "not authorized"},
