@@ -1,6 +1,5 @@
 #include "metadata/id3_reduce.h"
 
-#include <errno.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -11,6 +10,7 @@
 
 #include "metadata/bytes.h"
 #include "platform/holders.h"
+#include "platform/regular_file.h"
 
 namespace {
 
@@ -134,8 +134,7 @@ class Source {
   // starts there, the range is short, or the file system cannot tell.
   off_t hole_from(off_t at) const {
     if (end_ - at < off_t(4 * kBlock)) return at;
-    const off_t data = lseek(fd_, at, SEEK_DATA);
-    if (data < 0) return errno == ENXIO ? end_ : at;
+    const off_t data = next_data(fd_, at, end_);
     return data < end_ ? data : end_;
   }
 
