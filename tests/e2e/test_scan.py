@@ -49,6 +49,8 @@ class Scans(harness.SandboxTestCase):
             elif isinstance(spec, dict) and "sparse" in spec:
                 with open(target, "wb") as f:
                     f.truncate(spec["sparse"])
+                    for offset, data in spec.get("at", []):  # bytes written into the holes
+                        f.seek(offset), f.write(harness.raw(data))
             else:
                 sb.file(target, harness.content(spec), mtime=1700000000)
 
