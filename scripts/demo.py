@@ -5,15 +5,18 @@ playlists, a subtitle, hidden and unknown files, a link) and, under Samples/, ev
 tests/data whose extension the scanner knows, in its own folder layout, so new fixtures show up
 without changing this script.
 
-Usage: python3 tests/e2e/demo.py   (scripts/demo builds first and sets MEDIAWALK_BIN)
+Usage: python3 scripts/demo.py   (scripts/demo builds first and sets MEDIAWALK_BIN)
 """
 
 import os
+import shutil
 import struct
 import sys
+import time
 import zlib
 
-import harness
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
+import harness  # noqa: E402  the end-to-end tests' sandbox
 
 KNOWN = {".bmp", ".gif", ".jpg", ".jpeg", ".jpe", ".tif", ".tiff", ".png", ".aif", ".aiff", ".wav", ".wma",
          ".mp3", ".mp2", ".pcm", ".lpcm", ".mp1", ".mpa", ".avi", ".mpeg", ".mpg", ".mpeg2", ".mp4", ".wmv",
@@ -119,8 +122,10 @@ def build_share(sb):
     put("Misc/movie.mkv", b"\x1a\x45\xdf\xa3")
     put("Misc/archive.mp3.bak", b"x")
     put(".private/secret.mp3", mp3(title="secret"))
-    sb.symlink("../Music", "Misc/link to music")
-    sb.sparse("Videos/big.ts", 5 * 1024 ** 3 + 17, mtime=MTIME)
+    os.symlink("../Music", sb.share + "Misc/link to music")
+    with open(sb.share + "Videos/big.ts", "wb") as f:
+        f.truncate(5 * 1024 ** 3 + 17)
+    os.utime(sb.share + "Videos/big.ts", (MTIME, MTIME))
     made.append("Videos/big.ts")
 
     samples = 0
@@ -134,7 +139,9 @@ def build_share(sb):
                 if os.path.islink(src) or not os.path.isfile(src):
                     continue
                 rel = os.path.join("Samples", os.path.relpath(src, harness.FIXTURES))
-                sb.copy(src, rel, mtime=MTIME)
+                os.makedirs(os.path.dirname(sb.share + rel), exist_ok=True)
+                shutil.copyfile(src, sb.share + rel)
+                os.utime(sb.share + rel, (MTIME, MTIME))
                 samples += 1
     return made, samples
 
@@ -170,7 +177,7 @@ def table(rows, headings):
     return "\n".join(out)
 
 
-def report(sb, res, made, samples):
+def report(sb, res, elapsed, made, samples):
     share = sb.share.encode()
     out = []
     say = out.append
@@ -178,13 +185,13 @@ def report(sb, res, made, samples):
     say("==============")
     say("share:     %s  (%d files made here, %d samples from tests/data)" % (sb.share, len(made), samples))
     say("database:  %s" % sb.db_path())
-    detector = "stub answering windows-1252" if sb.detector_calls() or os.path.exists(
-        sb.path("bin", "detect_char_encode.answer")) else "bundled detect_char_encode"
+    detector = "bundled detect_char_encode" if os.path.exists(sb.path("bin", "detector.target")) \
+        else "stub answering windows-1252"
     say("detector:  %s" % detector)
-    say("exit status %d after %.2f s" % (res.status, res.elapsed))
-    progress = sb.progress()
+    say("exit status %d after %.2f s" % (res.status, elapsed))
+    progress = sb.read_tmp("mediawalkbar_result")
     say("/tmp/mediawalkbar_result: %s" % (" | ".join(text(progress).splitlines()) if progress is not None else "(none)"))
-    nodes = ["%s=%s" % (r.node.rsplit("/", 1)[-1], r.value) for r in sb.xmldb_requests()]
+    nodes = ["%s=%s" % (node, value) for node, value in sb.xmldb.requests]
     say("xmldb writes: %s" % (", ".join(nodes) or "(none)"))
     if not os.path.exists(sb.db_path()):
         say("\nno database was written. Program output:\n" + text(res.stdout))
@@ -279,16 +286,17 @@ def main():
     sb = harness.Sandbox("demo")
     try:
         sb.conf(sharename="Media")
-        sb.write_codepage("cp850\n")
+        sb.etc("codepage", "cp850\n")
         detector = os.environ.get("MEDIAWALK_DETECTOR", "")
         if detector and os.path.isfile(detector):
             sb.real_detector(detector)
         made, samples = build_share(sb)
+        started = time.monotonic()
         res = sb.run()
-        print(report(sb, res, made, samples))
+        print(report(sb, res, time.monotonic() - started, made, samples))
         ok = res.status == 1
         if not ok:
-            print("\ndemo: the run ended with status %d; stderr:\n%s" % (res.status, res.stderr), file=sys.stderr)
+            print("\ndemo: the run ended with status %d" % res.status, file=sys.stderr)
         return 0 if ok else 1
     finally:
         if os.environ.get("MEDIAWALK_DEMO_KEEP"):
