@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <memory>
 #include <vector>
 
 #include "metadata/bytes.h"
@@ -74,7 +75,7 @@ class Source {
         done += step;
         break;
       }
-      if (!(raw_ >= buf_at_ && raw_ < buf_at_ + off_t(buf_.size()))) {
+      if (!(raw_ >= buf_at_ && raw_ < buf_at_ + off_t(len_))) {
         // A hole reads as zeros, which unsynchronisation leaves alone (but for one right
         // after 0xFF): a sparse tag of 256 MiB is stepped over, not read.
         const off_t hole_end = hole_from(raw_);
@@ -100,8 +101,8 @@ class Source {
         }
         if (!fill()) break;
       }
-      const uint8_t* p = buf_.data() + (raw_ - buf_at_);
-      size_t take = size_t(buf_at_ + off_t(buf_.size()) - raw_);
+      const uint8_t* p = buf_.get() + (raw_ - buf_at_);
+      size_t take = size_t(buf_at_ + off_t(len_) - raw_);
       if (after_ff_) {
         after_ff_ = false;
         if (*p == 0) {
@@ -138,16 +139,21 @@ class Source {
     return data < end_ ? data : end_;
   }
 
+  // The block is left uninitialised: only the bytes pread fills are ever looked at, and
+  // clearing 64 KiB for every tag cost more than reading it.
   bool fill() {
-    buf_.resize(kBlock);
     const size_t want = end_ - raw_ < off_t(kBlock) ? size_t(end_ - raw_) : kBlock;
     if (want > allow_->read) {
       failed_ = true;
       return false;
     }
     allow_->read -= want;
-    const ssize_t got = pread(fd_, buf_.data(), want, raw_);
-    buf_.resize(got > 0 ? size_t(got) : 0);
+    if (cap_ < want) {
+      buf_.reset(new uint8_t[want]);
+      cap_ = want;
+    }
+    const ssize_t got = pread(fd_, buf_.get(), want, raw_);
+    len_ = got > 0 ? size_t(got) : 0;
     buf_at_ = raw_;
     failed_ = got <= 0;
     return !failed_;
@@ -160,7 +166,8 @@ class Source {
   bool after_ff_ = false;
   bool failed_ = false;
   uint64_t pos_ = 0;
-  std::vector<uint8_t> buf_;
+  std::unique_ptr<uint8_t[]> buf_;
+  size_t cap_ = 0, len_ = 0;
   off_t buf_at_ = 0;
 };
 
