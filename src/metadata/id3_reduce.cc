@@ -455,11 +455,12 @@ class FileTags {
   }
 
   // What id3_tag_query says of the bytes at `at` (fewer than ten near the end).
-  long query(off_t at) const {
-    uint8_t q[ID3_TAG_QUERYSIZE];
+  // The bytes are kept: the header of a tag found there is not read again.
+  long query(off_t at) {
     if (at < 0 || at >= size_) return 0;
-    const ssize_t n = pread(fd_, q, sizeof q, at);
-    return n > 0 ? id3_tag_query(q, id3_length_t(n)) : 0;
+    const ssize_t n = pread(fd_, queried_, sizeof queried_, at);
+    queried_at_ = n == ssize_t(sizeof queried_) ? at : -1;
+    return n > 0 ? id3_tag_query(queried_, id3_length_t(n)) : 0;
   }
 
   // The tag of `length` bytes at `location`, as libid3tag adds one: the same tag again is
@@ -476,7 +477,10 @@ class FileTags {
     if (found_.size() >= kMaxTags || location + off_t(length) > size_) return nullptr;
     uint8_t head[128];
     const size_t want = length == 128 ? 128 : 10;
-    if (pread(fd_, head, want, location) != ssize_t(want)) return nullptr;
+    if (want == sizeof queried_ && location == queried_at_)
+      memcpy(head, queried_, want);
+    else if (pread(fd_, head, want, location) != ssize_t(want))
+      return nullptr;
     bool update = false;
     struct id3_tag* tag = memcmp(head, "TAG", 3) == 0 ? id3_tag_parse(head, id3_length_t(length))
                                                       : read_v2(fd_, location, head, &allow_, &update);
@@ -504,6 +508,8 @@ class FileTags {
   };
   int fd_;
   off_t size_;
+  uint8_t queried_[ID3_TAG_QUERYSIZE];
+  off_t queried_at_ = -1;
   std::vector<Found> found_;
   Allowance allow_;
 };
