@@ -156,11 +156,13 @@ void use_quick_commits() {
   (void)sql_exec("PRAGMA synchronous=OFF;");
   (void)sql_exec("PRAGMA journal_mode=PERSIST;");
   (void)sql_exec("PRAGMA locking_mode=EXCLUSIVE;");
+  sql_reuse_statements(true);
 }
 
 // Deletes the kept journal, as the default mode would have, and puts the
 // finished file on disk before the totals say the scan is done.
 void close_database(const char* db_file, const char* db_folder) {
+  sql_reuse_statements(false);
   (void)sql_exec("PRAGMA journal_mode=DELETE;");
   sqlite3_close(db_ptr);
   db_ptr = nullptr;

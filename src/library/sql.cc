@@ -10,6 +10,7 @@
 #include <strings.h>
 
 #include <string>
+#include <vector>
 
 #include "library/schema.h"
 
@@ -341,6 +342,82 @@ sqlite3_stmt* prepare_one(const char* sql) {
   return stmt;
 }
 
+// ---------------------------------------------------------------------------
+// Rows written again and again: the same INSERT with other values.
+
+// An INSERT of the scan is composed anew for every song, photo, folder and
+// sorted row, and parsing it cost more than writing its row. Once reuse is on,
+// an INSERT whose quoted literals hold nothing but their own text is run as a
+// statement prepared once, with each literal's text bound in its place: inside
+// VALUES a quoted literal, in single or double quotes, is that text, so the
+// row stored is the same. Anything else, or a template that does not prepare,
+// goes the way of every other statement.
+struct Reused {
+  std::string tmpl;
+  sqlite3_stmt* stmt = nullptr;
+};
+constexpr size_t kReusedMax = 32;
+std::vector<Reused> reused;
+bool reuse_on = false;
+
+// Splits an INSERT into its template (each literal a "?") and the literals'
+// texts. False for anything else, for an unterminated literal and for a
+// doubled quote.
+bool split_insert(const char* sql, std::string* tmpl, std::vector<std::string>* texts) {
+  if (strncmp(sql, "insert into ", 12) != 0) return false;
+  tmpl->clear();
+  texts->clear();
+  for (const char* p = sql; *p != '\0'; ++p) {
+    if (*p != '"' && *p != '\'') {
+      *tmpl += *p;
+      continue;
+    }
+    const char* end = strchr(p + 1, *p);
+    if (end == nullptr || end[1] == *p) return false;
+    texts->emplace_back(p + 1, end);
+    *tmpl += '?';
+    p = end;
+  }
+  return true;
+}
+
+// The prepared statement for tmpl, reset, or nullptr when it cannot be had.
+sqlite3_stmt* reusable(const std::string& tmpl) {
+  for (Reused& r : reused)
+    if (r.tmpl == tmpl) return r.stmt;
+  if (reused.size() >= kReusedMax) return nullptr;
+  sqlite3_stmt* stmt = nullptr;
+  const char* tail = nullptr;
+  start_statement();
+  if (sqlite3_prepare_v3(db_ptr, tmpl.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &stmt, &tail) != SQLITE_OK ||
+      stmt == nullptr || !only_blanks(tail) || sqlite3_bind_parameter_count(stmt) <= 0) {
+    sqlite3_finalize(stmt);
+    return nullptr;
+  }
+  reused.push_back(Reused{tmpl, stmt});
+  return stmt;
+}
+
+// Runs sql through a reused statement. False when it cannot; then nothing ran.
+bool exec_reused(const char* sql) {
+  static std::string tmpl;
+  static std::vector<std::string> texts;
+  if (!reuse_on || breaks_out(sql) || !split_insert(sql, &tmpl, &texts)) return false;
+  sqlite3_stmt* stmt = reusable(tmpl);
+  if (stmt == nullptr || sqlite3_bind_parameter_count(stmt) != static_cast<int>(texts.size())) return false;
+  for (size_t i = 0; i < texts.size(); ++i)
+    (void)sqlite3_bind_text(stmt, static_cast<int>(i + 1), texts[i].data(), static_cast<int>(texts[i].size()),
+                            SQLITE_STATIC);
+  start_statement();
+  int rc;
+  while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+  }
+  if (rc != SQLITE_DONE) set_sqlite_error(rc);
+  (void)sqlite3_reset(stmt);
+  (void)sqlite3_clear_bindings(stmt);
+  return true;
+}
+
 }  // namespace
 
 void sql_guard_connection(long long max_steps) {
@@ -361,6 +438,7 @@ bool sql_exec(const char* sql) {
     set_error("no database open");
     return false;
   }
+  if (exec_reused(sql)) return zErrMsg == nullptr;
   sqlite3_stmt* stmt = prepare_one(sql);
   if (stmt == nullptr) return false;
   int rc;
@@ -369,6 +447,12 @@ bool sql_exec(const char* sql) {
   if (rc != SQLITE_DONE) set_sqlite_error(rc);
   sqlite3_finalize(stmt);
   return zErrMsg == nullptr;
+}
+
+void sql_reuse_statements(bool on) {
+  for (Reused& r : reused) sqlite3_finalize(r.stmt);
+  reused.clear();
+  reuse_on = on;
 }
 
 bool sql_table(const char* sql, Table* table) {

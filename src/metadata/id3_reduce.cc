@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <memory>
 #include <vector>
 
 #include "metadata/bytes.h"
@@ -74,7 +75,7 @@ class Source {
         done += step;
         break;
       }
-      if (!(raw_ >= buf_at_ && raw_ < buf_at_ + off_t(buf_.size()))) {
+      if (!(raw_ >= buf_at_ && raw_ < buf_at_ + off_t(len_))) {
         // A hole reads as zeros, which unsynchronisation leaves alone (but for one right
         // after 0xFF): a sparse tag of 256 MiB is stepped over, not read.
         const off_t hole_end = hole_from(raw_);
@@ -100,8 +101,8 @@ class Source {
         }
         if (!fill()) break;
       }
-      const uint8_t* p = buf_.data() + (raw_ - buf_at_);
-      size_t take = size_t(buf_at_ + off_t(buf_.size()) - raw_);
+      const uint8_t* p = buf_.get() + (raw_ - buf_at_);
+      size_t take = size_t(buf_at_ + off_t(len_) - raw_);
       if (after_ff_) {
         after_ff_ = false;
         if (*p == 0) {
@@ -138,16 +139,21 @@ class Source {
     return data < end_ ? data : end_;
   }
 
+  // The block is left uninitialised: only the bytes pread fills are ever looked at, and
+  // clearing 64 KiB for every tag cost more than reading it.
   bool fill() {
-    buf_.resize(kBlock);
     const size_t want = end_ - raw_ < off_t(kBlock) ? size_t(end_ - raw_) : kBlock;
     if (want > allow_->read) {
       failed_ = true;
       return false;
     }
     allow_->read -= want;
-    const ssize_t got = pread(fd_, buf_.data(), want, raw_);
-    buf_.resize(got > 0 ? size_t(got) : 0);
+    if (cap_ < want) {
+      buf_.reset(new uint8_t[want]);
+      cap_ = want;
+    }
+    const ssize_t got = pread(fd_, buf_.get(), want, raw_);
+    len_ = got > 0 ? size_t(got) : 0;
     buf_at_ = raw_;
     failed_ = got <= 0;
     return !failed_;
@@ -160,7 +166,8 @@ class Source {
   bool after_ff_ = false;
   bool failed_ = false;
   uint64_t pos_ = 0;
-  std::vector<uint8_t> buf_;
+  std::unique_ptr<uint8_t[]> buf_;
+  size_t cap_ = 0, len_ = 0;
   off_t buf_at_ = 0;
 };
 
@@ -448,11 +455,12 @@ class FileTags {
   }
 
   // What id3_tag_query says of the bytes at `at` (fewer than ten near the end).
-  long query(off_t at) const {
-    uint8_t q[ID3_TAG_QUERYSIZE];
+  // The bytes are kept: the header of a tag found there is not read again.
+  long query(off_t at) {
     if (at < 0 || at >= size_) return 0;
-    const ssize_t n = pread(fd_, q, sizeof q, at);
-    return n > 0 ? id3_tag_query(q, id3_length_t(n)) : 0;
+    const ssize_t n = pread(fd_, queried_, sizeof queried_, at);
+    queried_at_ = n == ssize_t(sizeof queried_) ? at : -1;
+    return n > 0 ? id3_tag_query(queried_, id3_length_t(n)) : 0;
   }
 
   // The tag of `length` bytes at `location`, as libid3tag adds one: the same tag again is
@@ -469,7 +477,10 @@ class FileTags {
     if (found_.size() >= kMaxTags || location + off_t(length) > size_) return nullptr;
     uint8_t head[128];
     const size_t want = length == 128 ? 128 : 10;
-    if (pread(fd_, head, want, location) != ssize_t(want)) return nullptr;
+    if (want == sizeof queried_ && location == queried_at_)
+      memcpy(head, queried_, want);
+    else if (pread(fd_, head, want, location) != ssize_t(want))
+      return nullptr;
     bool update = false;
     struct id3_tag* tag = memcmp(head, "TAG", 3) == 0 ? id3_tag_parse(head, id3_length_t(length))
                                                       : read_v2(fd_, location, head, &allow_, &update);
@@ -497,6 +508,8 @@ class FileTags {
   };
   int fd_;
   off_t size_;
+  uint8_t queried_[ID3_TAG_QUERYSIZE];
+  off_t queried_at_ = -1;
   std::vector<Found> found_;
   Allowance allow_;
 };

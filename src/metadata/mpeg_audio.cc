@@ -80,8 +80,8 @@ bool four_bytes_at(int fd, off_t pos, const uint8_t* block, off_t block_pos, siz
 // would have, but a file of terabytes of holes no longer takes hours. Only
 // the level-9 lines of those blocks would tell the difference, so the caller
 // skips nothing while they are written.
-off_t past_zero_blocks(FILE* f, off_t offset, int64_t file_size) {
-  const off_t data = next_data(f, offset, static_cast<off_t>(file_size));
+off_t past_zero_blocks(int fd, off_t offset, int64_t file_size) {
+  const off_t data = next_data(fd, offset, static_cast<off_t>(file_size));
   constexpr off_t kStep = kLastSyncIndex + 1;
   if (data - offset < static_cast<off_t>(kBlockSize)) return offset;
   return offset + ((data - offset - static_cast<off_t>(kBlockSize)) / kStep + 1) * kStep;
@@ -225,16 +225,15 @@ void mp3_average_bitrate(int fd, int64_t file_size, Mp3Frame* first) {
 }
 
 int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
-  UniqueFile file(fopen_regular(path));
-  if (!file) {
+  Fd file(open_regular(path));
+  if (file.fd < 0) {
     err_log(2, kLogModuleScan, "Could not open %s for reading\n", path);
     printf("Could not open %s for reading\n", path);
     return -1;
   }
-  // The stream only holds the descriptor for the hole queries: every read
-  // below is a pread of the bytes the search needs, so nothing is read twice.
-  FILE* f = file.get();
-  const int fd = fileno(f);
+  // Every read below is a pread of the bytes the search needs, so nothing is
+  // read twice and the descriptor's position means nothing.
+  const int fd = file.fd;
 
   Mp3Frame frame{};
   int64_t file_size = 0;
@@ -281,7 +280,7 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
   // ordinary file searched block by block costs no extra system calls.
   bool zero_block = false;
   while (!found) {
-    if (zero_block && !tag_skipped && err_log_level() < 9) offset = past_zero_blocks(f, offset, file_size);
+    if (zero_block && !tag_skipped && err_log_level() < 9) offset = past_zero_blocks(fd, offset, file_size);
     zero_block = false;
     err_log(9, kLogModuleScan, "Reading in new block at %d\n", static_cast<int>(offset));
     if (offset == 0) {
@@ -348,7 +347,7 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
   }
 
   if (mp3_decode_frame_header(block + index, &frame) != 0) {
-    file.reset();
+    close(file.release());
     printf("Could not find sync frame: %s\n", path);
     err_log(1, kLogModuleScan, "Could not find sync frame: %s\n", path);
     err_log(1, kLogModuleScan, "%s", kReportLine);
