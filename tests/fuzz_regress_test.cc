@@ -15,8 +15,8 @@ TEST_P(FuzzReplay, CommittedInputsPassTheirChecks) {
   std::vector<std::filesystem::path> inputs;
   for (const char* dir : {"/regress/", "/../../fuzz/seeds/"}) {
     std::error_code none;  // a target may have no findings
-    for (const auto& e : std::filesystem::directory_iterator(MEDIAWALK_TEST_DATA + (dir + std::string(GetParam().first)), none))
-      inputs.push_back(e.path());
+    const std::string folder = MEDIAWALK_TEST_DATA + (dir + std::string(GetParam().first));
+    for (const auto& e : std::filesystem::directory_iterator(folder, none)) inputs.push_back(e.path());
   }
   ASSERT_FALSE(inputs.empty()) << "no committed input for " << GetParam().first;
   std::unique_ptr<fuzz::Target> target = GetParam().second();
