@@ -18,6 +18,7 @@ TEST_P(FuzzReplay, CommittedInputsPassTheirChecks) {
     const std::string folder = MEDIAWALK_TEST_DATA + (dir + std::string(GetParam().first));
     for (const auto& e : std::filesystem::directory_iterator(folder, none)) inputs.push_back(e.path());
   }
+  std::sort(inputs.begin(), inputs.end());
   ASSERT_FALSE(inputs.empty()) << "no committed input for " << GetParam().first;
   std::unique_ptr<fuzz::Target> target = GetParam().second();
   for (const auto& path : inputs) {
