@@ -1,4 +1,0 @@
-// libFuzzer target: the charset detector routine under each language setting.
-#include "targets.h"
-
-MEDIAWALK_FUZZ_TARGET(fuzz::Detector)
