@@ -10,6 +10,7 @@
 
 #include "../case_table.h"
 #include "../platform/stub_program.h"
+#include "../sparse_file.h"
 #include "../temp_tree.h"
 #include "driver/progress.h"
 #include "library/flags.h"
@@ -68,7 +69,10 @@ TABLE_TEST(SqlGuard, "sql_guard.tsv") {
   EXPECT_EQ(c.num(2) ? sql_table(sql.c_str(), &t) : sql_exec(sql.c_str()), c.at(3).empty());
   EXPECT_EQ(zErrMsg ? zErrMsg : "", c.at(3));
   EXPECT_EQ(dump("select count(*) from music_tbl;"), c.at(3).empty() && !c.num(2) ? "1\n" : "0\n");
-  char buf[8];  // a text that fills its buffer is cut
+}
+
+TEST(SqlFormat, TextThatFillsItsBufferIsCut) {
+  char buf[8];
   EXPECT_FALSE(sql_format(buf, sizeof buf, "%s", "12345678"));
   EXPECT_TRUE(sql_format(buf, sizeof buf, "%s", "1234567"));
 }
@@ -76,7 +80,7 @@ TABLE_TEST(SqlGuard, "sql_guard.tsv") {
 TABLE_TEST(MediaClass, "media_types.tsv") { EXPECT_EQ(media_class_of(c.at(0).c_str()), c.num(1)); }
 
 // A share as "|"-separated entries: d:folder, f:file>content, r:file>count>line (the line
-// repeated), c:fixture>file (from tests/data), l:target>link, p:fifo, s:file>size (sparse).
+// repeated), c:fixture>file (from tests/data), l:target>link, p:fifo, s:file>size (grown by a hole).
 void build(const TempTree& t, const std::string& spec) {
   std::istringstream in(spec);
   for (std::string e; std::getline(in, e, '|');) {
@@ -86,7 +90,8 @@ void build(const TempTree& t, const std::string& spec) {
     if (e[0] == 'f') t.file(a, b);
     if (e[0] == 'l') { ASSERT_TRUE(t.link(a, b)); }
     if (e[0] == 'p') { ASSERT_EQ(mkfifo((t.root() + a).c_str(), 0600), 0); }
-    if (e[0] == 's') { ASSERT_EQ(truncate(t.file(a).c_str(), atoll(b.c_str())), 0); }
+    if (e[0] == 's') std::ofstream(t.root() + a, std::ios::app).close();
+    if (e[0] == 's') { ASSERT_EQ(truncate((t.root() + a).c_str(), atoll(b.c_str())), 0); }
     if (e[0] == 'c') std::filesystem::copy_file(MEDIAWALK_TEST_DATA "/" + a, t.root() + b);
     if (e[0] == 'r') {
       std::string text;
@@ -98,7 +103,8 @@ void build(const TempTree& t, const std::string& spec) {
 
 // Walks a share as the driver does (root, then the queued folders), counts it, runs SQL and a
 // later phase ("phase=0" when it must fail), and compares a query's rows; the phase's output
-// must be exactly the one given, the walk's must hold the text given for it.
+// must be exactly the one given, the walk's must hold the text given for it, and the phase must
+// read fewer bytes than given.
 TABLE_TEST(LibraryScan, "library_scan.tsv") {
   Db db;
   StubPath no_detector(false);  // tag texts are then read as UTF-8
@@ -123,11 +129,13 @@ TABLE_TEST(LibraryScan, "library_scan.tsv") {
   EXPECT_EQ(total_file_cnt.load(), counted);
   if (!c.at(1).empty()) { ASSERT_TRUE(sql_exec(c.at(1).c_str())) << zErrMsg; }
   const std::string phase = c.at(2).substr(0, c.at(2).find('='));  // "phase=result"
+  const long long read_before = bytes_read_so_far();
   ::testing::internal::CaptureStdout();
   const int rc = phase == "playlist" ? parser_playlist() : phase == "sort" ? sort_dbtable()
                  : phase == "flags"  ? Assign_pathtbl_media() : 1;
   const std::string out = ::testing::internal::GetCapturedStdout();
   if (!phase.empty()) { EXPECT_EQ(out, expand(c.at(5), root)); }
+  if (!c.at(9).empty()) { EXPECT_LT(bytes_read_so_far() - read_before, c.num(9)); }  // holes are stepped over
   EXPECT_EQ(rc, c.at(2).find("=0") == std::string::npos ? 1 : 0) << out;
   EXPECT_EQ(dump(expand(c.at(3), root)), expand(c.at(4), root));
 }
