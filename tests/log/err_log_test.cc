@@ -40,4 +40,9 @@ TEST(ErrLog, CutsMessagesAt1023Bytes) {
   err_log_reset();
 }
 
+// A level 0 message passes every filter, is followed by "Aborting" and ends the program with 1.
+TEST(ErrLog, FatalMessageAbortsWithOne) {
+  EXPECT_EXIT(err_log(0, 0, "boom %d\n", 1), ::testing::ExitedWithCode(1), "^boom 1\nAborting\n$");
+}
+
 }  // namespace
