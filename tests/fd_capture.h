@@ -1,5 +1,4 @@
-// Test helper: sends what a process writes to a descriptor (1 or 2) into a
-// temporary file, so tests can compare the bytes exactly.
+// Sends what this process writes to descriptor 1 or 2 into a temporary file, to compare it exactly.
 #ifndef MEDIAWALK_TESTS_FD_CAPTURE_H_
 #define MEDIAWALK_TESTS_FD_CAPTURE_H_
 

@@ -1,4 +1,4 @@
-// A throwaway folder tree for tests that walk the file system.
+// A throwaway folder tree under /tmp, removed with the object.
 #ifndef MEDIAWALK_TESTS_TEMP_TREE_H_
 #define MEDIAWALK_TESTS_TEMP_TREE_H_
 
@@ -13,8 +13,7 @@ class TempTree {
  public:
   TempTree() {
     char templ[] = "/tmp/mwtestXXXXXX";
-    const char* made = mkdtemp(templ);
-    root_ = made ? std::string(made) + "/" : std::string();
+    if (mkdtemp(templ) != nullptr) root_ = std::string(templ) + "/";
   }
   ~TempTree() {
     std::error_code ec;
@@ -23,11 +22,9 @@ class TempTree {
   TempTree(const TempTree&) = delete;
   void operator=(const TempTree&) = delete;
 
-  // The root path, ending in "/".
-  const std::string& root() const { return root_; }
+  const std::string& root() const { return root_; }  // ends in "/"
   bool ok() const { return !root_.empty(); }
-
-  // Creates folder `rel` (and its parents); returns its path ending in "/".
+  // Creates folder `rel` and its parents; returns its path ending in "/".
   std::string dir(const std::string& rel) const {
     std::filesystem::create_directories(root_ + rel);
     return root_ + rel + "/";

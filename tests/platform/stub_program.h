@@ -1,91 +1,61 @@
-// A throwaway folder put in front of PATH, holding shell-script stand-ins for
-// external programs. PATH and the working folder are restored on destruction.
+// A throwaway folder put in front of PATH (or alone on it) for shell-script stand-ins of external
+// programs. PATH and the working folder are restored on destruction.
 #ifndef MEDIAWALK_TESTS_PLATFORM_STUB_PROGRAM_H_
 #define MEDIAWALK_TESTS_PLATFORM_STUB_PROGRAM_H_
 
-#include <dirent.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 class StubPath {
  public:
-  // With keep_system_path false, PATH holds the stub folder alone.
   explicit StubPath(bool keep_system_path = true) {
     char tmpl[] = "/tmp/mediawalk_stub_XXXXXX";
     if (mkdtemp(tmpl) != nullptr) dir_ = tmpl;
-    const char* old = getenv("PATH");
-    had_path_ = old != nullptr;
-    if (had_path_) old_path_ = old;
-    const std::string path = keep_system_path ? dir_ + ":/usr/bin:/bin" : dir_;
-    setenv("PATH", path.c_str(), 1);
-    char cwd[4096];
-    if (getcwd(cwd, sizeof cwd) != nullptr) old_cwd_ = cwd;
+    had_path_ = getenv("PATH") != nullptr;
+    if (had_path_) old_path_ = getenv("PATH");
+    setenv("PATH", (keep_system_path ? dir_ + ":/usr/bin:/bin" : dir_).c_str(), 1);
+    old_cwd_ = std::filesystem::current_path();
   }
   ~StubPath() {
-    if (had_path_) {
-      setenv("PATH", old_path_.c_str(), 1);
-    } else {
-      unsetenv("PATH");
-    }
-    if (!old_cwd_.empty() && chdir(old_cwd_.c_str()) != 0) perror("chdir");
-    RemoveAll();
+    had_path_ ? setenv("PATH", old_path_.c_str(), 1) : unsetenv("PATH");
+    if (chdir(old_cwd_.c_str()) != 0) perror("chdir");
+    std::error_code ec;
+    if (!dir_.empty()) std::filesystem::remove_all(dir_, ec);
   }
   StubPath(const StubPath&) = delete;
   void operator=(const StubPath&) = delete;
 
   const std::string& dir() const { return dir_; }
   std::string File(const std::string& name) const { return dir_ + "/" + name; }
-
-  // Writes an executable /bin/sh script named name with the given body.
+  // Writes an executable /bin/sh script `name` with the given body.
   void Program(const std::string& name, const std::string& body) const {
     Write(name, "#!/bin/sh\n" + body);
     chmod(File(name).c_str(), 0755);
   }
   void Write(const std::string& name, const std::string& text) const {
-    FILE* f = fopen(File(name).c_str(), "wb");
-    if (f == nullptr) return;
-    fwrite(text.data(), 1, text.size(), f);
-    fclose(f);
+    std::ofstream(File(name), std::ios::binary) << text;
   }
   // The whole file, or "<missing>".
   std::string Read(const std::string& name) const {
-    FILE* f = fopen(File(name).c_str(), "rb");
-    if (f == nullptr) return "<missing>";
-    std::string text;
-    char buf[512];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
-    fclose(f);
-    return text;
+    std::ifstream in(File(name), std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return in ? text.str() : "<missing>";
   }
   bool Exists(const std::string& name) const { return access(File(name).c_str(), F_OK) == 0; }
-  // Makes the stub folder the working folder, so that a relative path
-  // written by a stray command would land there.
+  // Makes the stub folder the working folder, where a stray command's relative path would land.
   void EnterDir() const {
     if (chdir(dir_.c_str()) != 0) perror("chdir");
   }
 
  private:
-  void RemoveAll() {
-    if (dir_.empty()) return;
-    DIR* d = opendir(dir_.c_str());
-    if (d != nullptr) {
-      while (struct dirent* e = readdir(d)) {
-        const std::string name = e->d_name;
-        if (name != "." && name != "..") unlink(File(name).c_str());
-      }
-      closedir(d);
-    }
-    rmdir(dir_.c_str());
-  }
-
-  std::string dir_;
-  std::string old_path_;
-  std::string old_cwd_;
+  std::string dir_, old_path_, old_cwd_;
   bool had_path_ = false;
 };
 
