@@ -357,6 +357,9 @@ struct Reused {
   sqlite3_stmt* stmt = nullptr;
 };
 constexpr size_t kReusedMax = 32;
+// Only texts of the scan's own size are split: one near SQLite's length limit
+// runs as composed, so the limit meets it exactly as it would.
+constexpr size_t kReusedText = 64u << 10;
 std::vector<Reused> reused;
 bool reuse_on = false;
 
@@ -402,12 +405,17 @@ sqlite3_stmt* reusable(const std::string& tmpl) {
 bool exec_reused(const char* sql) {
   static std::string tmpl;
   static std::vector<std::string> texts;
-  if (!reuse_on || breaks_out(sql) || !split_insert(sql, &tmpl, &texts)) return false;
+  if (!reuse_on || strnlen(sql, kReusedText) == kReusedText || breaks_out(sql) || !split_insert(sql, &tmpl, &texts))
+    return false;
   sqlite3_stmt* stmt = reusable(tmpl);
   if (stmt == nullptr || sqlite3_bind_parameter_count(stmt) != static_cast<int>(texts.size())) return false;
-  for (size_t i = 0; i < texts.size(); ++i)
-    (void)sqlite3_bind_text(stmt, static_cast<int>(i + 1), texts[i].data(), static_cast<int>(texts[i].size()),
-                            SQLITE_STATIC);
+  for (size_t i = 0; i < texts.size(); ++i) {
+    if (sqlite3_bind_text(stmt, static_cast<int>(i + 1), texts[i].data(), static_cast<int>(texts[i].size()),
+                          SQLITE_STATIC) != SQLITE_OK) {
+      (void)sqlite3_clear_bindings(stmt);
+      return false;
+    }
+  }
   start_statement();
   int rc;
   while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
