@@ -6,8 +6,9 @@ import signal
 
 import harness
 
-# Holds the call whose sample holds HOLD until the go file exists, after saying where it is.
-HOLD = 'case "$1" in *HOLD*) echo $$ > {log}/held; while [ ! -e {log}/go ]; do sleep 0.01; done ;; esac'
+# Holds the call whose sample holds HOLD until the go file exists, after saying where it is (the pid
+# file appears whole).
+HOLD = 'case "$1" in *HOLD*) echo $$ > {log}/pid; mv {log}/pid {log}/held; while [ ! -e {log}/go ]; do sleep 0.01; done ;; esac'
 
 
 def committed(sb):
