@@ -96,16 +96,15 @@ def peak_rss(rss_file, usage):
 def timed_run(sb, timeout):
     """One sandboxed run; returns (status, wall seconds, {mark: seconds}, maxrss KiB, stdout)."""
     import harness
-    sb._ovl_work = tempfile.mkdtemp(prefix="ovl", dir=sb.root)
-    sb.xmldb = harness.XmldbDaemon(os.path.join(sb.run_dir, harness.XMLDB_SOCK))
-    sb.xmldb.start()
+    ovl = tempfile.mkdtemp(prefix="ovl", dir=sb.root)
+    sb.xmldb = harness.Xmldb(sb.path("run", "xmldb_sock"), "answer", sb.path("log", "xmldb"))
     seen = {}
     lines = []
     rss_file = sb.path("log", "maxrss")
     try:
         with open(sb.path("log", "stderr"), "wb") as err:
             started = time.monotonic()
-            proc = subprocess.Popen(measured(sb.command(), rss_file), env=sb.environment(), stdin=subprocess.DEVNULL,
+            proc = subprocess.Popen(measured(sb.command(ovl), rss_file), env=sb.environment(), stdin=subprocess.DEVNULL,
                                     stdout=subprocess.PIPE, stderr=err, cwd=sb.root)
             killer = threading.Timer(timeout, proc.kill)
             killer.start()
@@ -121,7 +120,7 @@ def timed_run(sb, timeout):
             proc.returncode = os.waitstatus_to_exitcode(status)
     finally:
         sb.xmldb.stop()
-        harness._rmtree(sb._ovl_work)
+        harness.rmtree(ovl)
     rss, cpu = peak_rss(rss_file, usage)
     return proc.returncode, wall, seen, rss, cpu, b"".join(lines)
 
@@ -157,8 +156,8 @@ def scan(share, mode, runs, timeout, extra_env=(), tool=None, builtin_bin=None, 
     sb.extra_env.update(item.split("=", 1) for item in extra_env)
     try:
         sb.conf(sharepath=share)
-        sb.write_codepage("cp850\n")
-        sb.detector(missing=True)
+        sb.etc("codepage", "cp850\n")
+        sb.detector(None)
         if mode == "stub":
             script = sb.path("bin", "detect_char_encode")
             with open(script, "w") as f:

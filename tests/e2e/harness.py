@@ -200,7 +200,7 @@ class Sandbox:
             os.mkdir(self.path(sub))
         os.chmod(self.path("tmp"), 0o1777)
         self.share, self.mnt, self.tmp = self.path("share") + "/", self.path("mnt") + "/", self.path("tmp")
-        self.tz, self.wrapper, self.whiteouts, self.xmldb = tz, [], set(), None
+        self.tz, self.wrapper, self.whiteouts, self.xmldb, self.extra_env = tz, [], set(), None, {}
         self.detector_log = self.path("log", "detector")
         self.bin = BIN
         if _hidden(BIN):  # the sandbox cannot see it there: run a copy
@@ -266,14 +266,10 @@ class Sandbox:
         """Runs the binary once. during(proc), if given, runs in a thread meanwhile; proc.pid is the
         program itself (unshare and sandbox.sh exec into it). Its exception is raised here."""
         ovl = tempfile.mkdtemp(prefix="ovl", dir=self.root)
-        cmd = _unshare() + ["sh", os.path.join(HERE, "sandbox.sh"), "-e", self.path("etc"), "-o", ovl, "-t", self.tmp,
-                            "-r", self.path("run")] + sum((["-w", w] for w in sorted(self.whiteouts)), [])
         self.xmldb = Xmldb(self.path("run", "xmldb_sock"), xmldb, self.path("log", "xmldb"))
         errors, helper = [], None
-        env = {"PATH": self.path("bin") + ":" + SYSTEM_PATH, "TZ": self.tz}
-        env.update({k: v for k, v in os.environ.items() if k.endswith("SAN_OPTIONS") or k == "QEMU_LD_PREFIX"})
         try:
-            proc = subprocess.Popen(cmd + ["--"] + self.wrapper + LAUNCHER + [self.bin], env=env, cwd=self.root,
+            proc = subprocess.Popen(self.command(ovl), env=self.environment(), cwd=self.root,
                                     stdin=subprocess.DEVNULL, stdout=stdout, stderr=subprocess.PIPE)
             if during:
                 helper = threading.Thread(target=lambda: _catch(errors, during, proc), daemon=True)
@@ -288,6 +284,18 @@ class Sandbox:
             raise errors[0]
         assert not any(w in err for w in (b"sandbox.sh:", b"Sanitizer", b"runtime error")), err
         return Result(proc.returncode, out or b"")
+
+    def command(self, ovl):
+        """The command line of one run, with `ovl` the overlay's work folder; the program is last."""
+        return _unshare() + ["sh", os.path.join(HERE, "sandbox.sh"), "-e", self.path("etc"), "-o", ovl, "-t", self.tmp,
+                             "-r", self.path("run")] + sum((["-w", w] for w in sorted(self.whiteouts)), []) + \
+            ["--"] + self.wrapper + LAUNCHER + [self.bin]
+
+    def environment(self):
+        env = {"PATH": self.path("bin") + ":" + SYSTEM_PATH, "TZ": self.tz}
+        env.update({k: v for k, v in os.environ.items() if k.endswith("SAN_OPTIONS") or k == "QEMU_LD_PREFIX"})
+        env.update(self.extra_env)
+        return env
 
     def read_tmp(self, name):  # a file under /tmp as the run left it, or None
         try:
