@@ -89,14 +89,14 @@ def fixture(rel):
         return f.read()
 
 
-def content(spec):
-    """A file's bytes from its table spec: text, {"fixture": sample}, or {"tag": frames, "audio": sample}."""
-    if isinstance(spec, str):
-        return raw(spec)
-    if "tag" in spec:
-        return latin1_tag([(f, raw(t)) for f, t in spec["tag"]]) + fixture(
-            spec.get("audio", "audio/cbr32_44k.mp3"))
-    return fixture(spec["fixture"])
+def content(desc):
+    """A file's bytes from its table description: text, {"fixture": sample}, or {"tag": frames, "audio": sample}."""
+    if isinstance(desc, str):
+        return raw(desc)
+    if "tag" in desc:
+        return latin1_tag([(f, raw(t)) for f, t in desc["tag"]]) + fixture(
+            desc.get("audio", "audio/cbr32_44k.mp3"))
+    return fixture(desc["fixture"])
 
 
 def load_cases(name):

@@ -22,8 +22,8 @@ def build_share(sb, share, table):
         os.makedirs(harness.raw(share + rel), exist_ok=True)
         for kind in kinds:
             mtime += 61
-            for name, spec in table["kinds"][kind]:
-                sb.file(share + rel + "/" + name, harness.content(spec), mtime=mtime)
+            for name, desc in table["kinds"][kind]:
+                sb.file(share + rel + "/" + name, harness.content(desc), mtime=mtime)
 
 
 def syscall(pid):

@@ -37,22 +37,22 @@ class Scans(harness.SandboxTestCase):
             sb.etc("codepage", case["codepage"])
         if "detector" in case:
             sb.detector(case["detector"], case.get("detector_status", 0), case.get("detector_extra", ""))
-        for rel, spec in case.get("files", []):  # paths relative to the share, or absolute
+        for rel, desc in case.get("files", []):  # paths relative to the share, or absolute
             target = os.path.join(harness.raw(sb.share), harness.raw(rel))
             os.makedirs(os.path.dirname(target), exist_ok=True)
-            if isinstance(spec, dict) and "link" in spec:
-                os.symlink(harness.raw(spec["link"]), target)
-            elif isinstance(spec, dict) and "fifo" in spec:
+            if isinstance(desc, dict) and "link" in desc:
+                os.symlink(harness.raw(desc["link"]), target)
+            elif isinstance(desc, dict) and "fifo" in desc:
                 os.mkfifo(target)
-            elif isinstance(spec, dict) and "dir" in spec:
+            elif isinstance(desc, dict) and "dir" in desc:
                 os.makedirs(target, exist_ok=True)
-            elif isinstance(spec, dict) and "sparse" in spec:
+            elif isinstance(desc, dict) and "sparse" in desc:
                 with open(target, "wb") as f:
-                    f.truncate(spec["sparse"])
-                    for offset, data in spec.get("at", []):  # bytes written into the holes
+                    f.truncate(desc["sparse"])
+                    for offset, data in desc.get("at", []):  # bytes written into the holes
                         f.seek(offset), f.write(harness.raw(data))
             else:
-                sb.file(target, harness.content(spec), mtime=1700000000)
+                sb.file(target, harness.content(desc), mtime=1700000000)
 
     def check(self, sb, case, res):
         want = case["expect"]

@@ -90,8 +90,8 @@ TABLE_TEST(MediaClass, "media_types.tsv") { EXPECT_EQ(media_class_of(c.at(0).c_s
 
 // A share as "|"-separated entries: d:folder, f:file>content, r:file>count>line (the line
 // repeated), c:fixture>file (from tests/data), l:target>link, p:fifo, s:file>size (grown by a hole).
-void build(const TempTree& t, const std::string& spec) {
-  std::istringstream in(spec);
+void build(const TempTree& t, const std::string& desc) {
+  std::istringstream in(desc);
   for (std::string e; std::getline(in, e, '|');) {
     const std::string arg = e.substr(2), a = arg.substr(0, arg.find('>'));
     const std::string b = arg.find('>') == std::string::npos ? "" : arg.substr(arg.find('>') + 1);
