@@ -20,9 +20,10 @@
 #include <stdio.h>
 
 // A read-only, close-on-exec descriptor of the regular file at path (opened
-// with O_NONBLOCK, which a regular file's reads ignore); -1 with errno set when it cannot be opened or is anything
-// but a regular file (errno EINVAL then, or ELOOP for a link). A path inside
-// the share root never passes through a link.
+// with O_NONBLOCK, which a regular file's reads ignore); -1 with errno set
+// when it cannot be opened or is anything but a regular file (errno EINVAL
+// then, or ELOOP for a link). A path inside the share root never passes
+// through a link.
 int open_regular(const char* path);
 
 // The same for entry `name` of the folder open as dir_fd (AT_FDCWD: name is a
