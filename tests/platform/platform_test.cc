@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -32,9 +33,9 @@ TABLE_TEST(RegularFile, "regular_file.tsv") {
   const std::string path = tree.root() + c.at(0);
   errno = 0;
   const int fd = open_regular(path.c_str());
-  EXPECT_EQ(fd < 0 ? errno : 0, c.num(1));
+  EXPECT_EQ(fd < 0 ? strerrorname_np(errno) : "0", c.at(1));  // by name: the numbers differ on MIPS
   FILE* f = fopen_regular(path.c_str());
-  EXPECT_EQ(f != nullptr, c.num(1) == 0);
+  EXPECT_EQ(f != nullptr, c.at(1) == "0");
   if (fd >= 0) close(fd);
   if (f) fclose(f);
 }
