@@ -516,10 +516,13 @@ class FileTags {
 
 }  // namespace
 
-struct id3_tag* id3_read_file_tags(int fd) {
-  struct stat64 st;
-  if (fstat64(fd, &st) != 0) return nullptr;
-  const off_t size = st.st_size;
+struct id3_tag* id3_read_file_tags(int fd, long long known_size) {
+  off_t size = off_t(known_size);
+  if (known_size < 0) {
+    struct stat st;
+    if (fstat(fd, &st) != 0) return nullptr;
+    size = st.st_size;
+  }
   FileTags tags(fd, size);
   if (tags.merged_ == nullptr) return nullptr;
   off_t next = 0;

@@ -35,10 +35,11 @@ constexpr unsigned long long kId3InflateMax = 256ull << 20;
 // read.
 constexpr unsigned long long kId3ReadMax = 1ull << 30;
 
-// The tag libid3tag's file reader gives for the regular file open on fd: a
-// new tag holding the merged frames, empty when the file has none. Reads use
-// pread; looking for holes may move the descriptor's offset. Null only when
-// memory runs out. The caller deletes it with id3_tag_delete.
-struct id3_tag* id3_read_file_tags(int fd);
+// The tag libid3tag's file reader gives for the regular file open on fd,
+// `size` bytes long (negative: asked of fd here): a new tag holding the
+// merged frames, empty when the file has none. Reads use pread; looking for
+// holes may move the descriptor's offset. Null only when memory runs out or
+// the size cannot be had. The caller deletes it with id3_tag_delete.
+struct id3_tag* id3_read_file_tags(int fd, long long size = -1);
 
 #endif  // MEDIAWALK_METADATA_ID3_REDUCE_H_

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "encoding/iconv_string.h"
@@ -217,14 +218,15 @@ int scan_get_mp3tags(const char* path, MusicFileInfo* info) {
   if (info->type == nullptr || strcasecmp(info->type, "mp3") != 0) return 0;
 
   // Only a regular file is read; libid3tag's own reader is not used, since it holds every
-  // tag whole in memory (see metadata/id3_reduce.h).
-  Fd fd(open_regular(path));
+  // tag whole in memory (see metadata/id3_reduce.h). The size comes from the open's query.
+  struct stat st;
+  Fd fd(open_regular(path, &st));
   if (fd.fd < 0) {
     printf("Cannot open %s\n", path);
     err_log(2, kLogModuleScan, "Cannot open %s\n", path);
     return -1;
   }
-  struct id3_tag* tag = id3_read_file_tags(fd.fd);
+  struct id3_tag* tag = id3_read_file_tags(fd.fd, st.st_size);
   const int saved = errno;
   close(fd.release());  // the tag holds all it needs
   errno = saved;

@@ -32,8 +32,7 @@ constexpr size_t kHeadSize = 32;
 // the first bytes are read once, for the dispatch, and handed out from here.
 struct Source {
   int fd = -1;
-  bool have_size = false;  // the one status query succeeded
-  off_t size = 0;          // 0 when it failed
+  off_t size = 0;          // from the open's status query
   uint8_t head[kHeadSize] = {};
   size_t head_len = 0;     // bytes of head the file had
 
@@ -56,7 +55,6 @@ struct Source {
 // Each reader records the size it saw; the record has 32 bits for it, so a
 // larger file is stored as the largest value that fits.
 void note_file_size(ImageInfo* info, const Source& src) {
-  if (!src.have_size) return;
   const uint64_t size = uint64_t(src.size);
   info->file_size = size > UINT32_MAX ? UINT32_MAX : uint32_t(size);
 }
@@ -325,7 +323,8 @@ constexpr char kPngSignature[] = "\x89PNG\r\n\x1a\n";
 int get_img_size(ImageInfo* info) {
   // An unterminated path cannot be opened (nor printed) safely.
   const bool terminated = memchr(info->path, '\0', sizeof info->path) != nullptr;
-  UniqueFile file(terminated ? fopen_regular(info->path) : nullptr);
+  struct stat st;
+  UniqueFile file(terminated ? fopen_regular(info->path, &st) : nullptr);
   if (!file) {
     puts("get_img_size(): open file error");
     return 0;
@@ -358,12 +357,7 @@ int get_img_size(ImageInfo* info) {
     reader = read_png;
   }
   if (reader != nullptr) {
-    // One size query per file, made only for a picture that is measured.
-    struct stat st;
-    if (fstat(src.fd, &st) == 0) {
-      src.have_size = true;
-      src.size = st.st_size < 0 ? 0 : st.st_size;
-    }
+    src.size = st.st_size < 0 ? 0 : st.st_size;
     reader(info, src);
   } else {
     info->type = kJpeg;

@@ -225,7 +225,8 @@ void mp3_average_bitrate(int fd, int64_t file_size, Mp3Frame* first) {
 }
 
 int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
-  Fd file(open_regular(path));
+  struct stat st;  // the size comes from the open's status query
+  Fd file(open_regular(path, &st));
   if (file.fd < 0) {
     err_log(2, kLogModuleScan, "Could not open %s for reading\n", path);
     printf("Could not open %s for reading\n", path);
@@ -236,9 +237,7 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
   const int fd = file.fd;
 
   Mp3Frame frame{};
-  int64_t file_size = 0;
-  struct stat st;
-  if (fstat(fd, &st) == 0 && st.st_size > 0) file_size = st.st_size;
+  const int64_t file_size = st.st_size > 0 ? st.st_size : 0;
   info->file_size = static_cast<uint32_t>(file_size);  // the record keeps the low 32 bits
 
   // The first block is kept: the search starts over at byte 0 when no frame

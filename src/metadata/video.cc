@@ -280,13 +280,13 @@ int get_video_info(const char* path, VideoInfo* info) {
 
   if (!has_mpeg_extension(path)) return -1;
 
-  Fd fd(open_regular(path));
+  struct stat st;
+  Fd fd(open_regular(path, &st));
   if (fd.fd < 0) {
     printf("Can not open <%s> file\n", path);
     return -1;
   }
-  struct stat st;
-  const off_t file_size = fstat(fd.fd, &st) == 0 ? st.st_size : 0;
+  const off_t file_size = st.st_size;
 
   StreamHeaders h;
   const int found = find_headers(fd.fd, file_size, path, &h);

@@ -102,7 +102,7 @@ int open_share_path(const char* path, int last_flags) {
   return openat(parent_fd, name, last_flags);
 }
 
-int keep_regular(int fd) {
+int keep_regular(int fd, struct stat* out) {
   if (fd < 0) return -1;
   struct stat st;
   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
@@ -110,6 +110,7 @@ int keep_regular(int fd) {
     errno = EINVAL;
     return -1;
   }
+  if (out != nullptr) *out = st;
   return fd;
 }
 
@@ -121,9 +122,13 @@ constexpr int kFileFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLO
 
 }  // namespace
 
-int open_regular(const char* path) { return keep_regular(open_share_path(path, kFileFlags)); }
+int open_regular(const char* path) { return keep_regular(open_share_path(path, kFileFlags), nullptr); }
 
-int open_regular_at(int dir_fd, const char* name) { return keep_regular(openat(dir_fd, name, kFileFlags)); }
+int open_regular(const char* path, struct stat* st) { return keep_regular(open_share_path(path, kFileFlags), st); }
+
+int open_regular_at(int dir_fd, const char* name, struct stat* st) {
+  return keep_regular(openat(dir_fd, name, kFileFlags), st);
+}
 
 int open_share_root(const char* path) {
   forget_share();
@@ -156,8 +161,8 @@ void forget_share() {
   scan_folder = Folder();
 }
 
-FILE* fopen_regular(const char* path) {
-  const int fd = open_regular(path);
+FILE* fopen_regular(const char* path, struct stat* st) {
+  const int fd = open_regular(path, st);
   if (fd < 0) return nullptr;
   FILE* f = fdopen(fd, "r");
   if (f == nullptr) {

@@ -18,6 +18,7 @@
 #define MEDIAWALK_PLATFORM_REGULAR_FILE_H_
 
 #include <stdio.h>
+#include <sys/stat.h>
 
 // A read-only, close-on-exec descriptor of the regular file at path (opened
 // with O_NONBLOCK, which a regular file's reads ignore); -1 with errno set
@@ -26,9 +27,14 @@
 // through a link.
 int open_regular(const char* path);
 
+// The same, also giving the status from the query that found it regular, so
+// that a reader needs no second query for the file's size (*st is left
+// untouched on failure).
+int open_regular(const char* path, struct stat* st);
+
 // The same for entry `name` of the folder open as dir_fd (AT_FDCWD: name is a
 // path, resolved as given but for its last component).
-int open_regular_at(int dir_fd, const char* name);
+int open_regular_at(int dir_fd, const char* name, struct stat* st = nullptr);
 
 // Opens the share root `path` as a folder, following any link in it (the
 // root is the administrator's setting), and keeps it as the root of the share
@@ -50,8 +56,9 @@ void set_scan_folder(const char* path, int dir_fd);
 // Forgets the share root and the scanned folder, as at process start.
 void forget_share();
 
-// The same as a stdio stream for reading; nullptr on failure.
-FILE* fopen_regular(const char* path);
+// The same as a stdio stream for reading, with the file's status in *st
+// when st is given; nullptr on failure.
+FILE* fopen_regular(const char* path, struct stat* st = nullptr);
 
 // A sparse file of terabytes costs its writer no disk, and the readers that
 // search a file to its end would read every zero of it. They ask this where
