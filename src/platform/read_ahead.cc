@@ -117,7 +117,10 @@ void read_ahead_at(int folder_fd, const std::vector<std::string>& names, size_t 
     h->jobs.push_back(Job{h->folder_seq + static_cast<unsigned long long>(h->handed), h->folder, name});
     pushed = true;
   }
-  if (pushed) h->wake.notify_one();
+  // Woken for half a window at a time, or the end of the folder: on a warm
+  // cache the helper sleeps between hand-overs, and waking it for every
+  // entry cost the walk a wake-up call per file.
+  if (pushed && (h->jobs.size() >= kReadAheadFiles / 2 || h->handed == names.size())) h->wake.notify_one();
 }
 
 void read_ahead_stop() {
