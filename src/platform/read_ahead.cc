@@ -29,7 +29,7 @@ constexpr off_t kTail = 4 * 1024;
 
 struct Job {
   unsigned long long seq;         // the entry's place in the walk
-  std::shared_ptr<Fd> folder;     // the helper's own descriptor of the entry's folder
+  std::shared_ptr<Fd> folder;     // the helpers' own descriptor of the entry's folder
   std::string name;
 };
 
@@ -40,19 +40,19 @@ struct Helper {
   unsigned long long walk_seq = 0;    // the entry the walk is at
   unsigned long long folder_seq = 0;  // the number of entry 0 of the folder being walked
   size_t handed = 0;                  // entries of that folder handed over or passed
-  std::shared_ptr<Fd> folder;         // the helper's descriptor of that folder
+  std::shared_ptr<Fd> folder;         // the helpers' descriptor of that folder
   bool stop = false;
   bool (*wanted)(const char* name) = nullptr;
-  std::thread thread;
+  std::vector<std::thread> threads;
 };
 
 Helper* helper = nullptr;
 
 void advise(const Job& job) {
   // Opened as the readers open it: a FIFO, device or link is refused without blocking.
-  Fd fd(open_regular_at(job.folder->fd, job.name.c_str()));
   struct stat st;
-  if (fd.fd < 0 || fstat(fd.fd, &st) != 0 || st.st_size <= 0) return;
+  Fd fd(open_regular_at(job.folder->fd, job.name.c_str(), &st));
+  if (fd.fd < 0 || st.st_size <= 0) return;
   const off_t size = st.st_size;
   (void)posix_fadvise(fd.fd, 0, size < kHead ? size : kHead, POSIX_FADV_WILLNEED);
   if (size <= kHead) return;
@@ -88,11 +88,13 @@ void read_ahead_start(bool (*wanted)(const char* name)) {
   sigaddset(&term, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &term, &old);
   try {
-    h->thread = std::thread(run, h);
-    helper = h;
+    for (int i = 0; i < kReadAheadThreads; ++i) h->threads.emplace_back(run, h);
   } catch (const std::system_error&) {
-    delete h;
   }
+  if (!h->threads.empty())
+    helper = h;
+  else
+    delete h;
   pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
@@ -118,9 +120,9 @@ void read_ahead_at(int folder_fd, const std::vector<std::string>& names, size_t 
     pushed = true;
   }
   // Woken for half a window at a time, or the end of the folder: on a warm
-  // cache the helper sleeps between hand-overs, and waking it for every
+  // cache the helpers sleep between hand-overs, and waking one for every
   // entry cost the walk a wake-up call per file.
-  if (pushed && (h->jobs.size() >= kReadAheadFiles / 2 || h->handed == names.size())) h->wake.notify_one();
+  if (pushed && (h->jobs.size() >= kReadAheadFiles / 2 || h->handed == names.size())) h->wake.notify_all();
 }
 
 void read_ahead_stop() {
@@ -132,8 +134,8 @@ void read_ahead_stop() {
     h->jobs.clear();
     h->folder.reset();
   }
-  h->wake.notify_one();
-  h->thread.join();
+  h->wake.notify_all();
+  for (std::thread& t : h->threads) t.join();
   helper = nullptr;
   delete h;
 }

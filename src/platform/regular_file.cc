@@ -122,8 +122,6 @@ constexpr int kFileFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLO
 
 }  // namespace
 
-int open_regular(const char* path) { return keep_regular(open_share_path(path, kFileFlags), nullptr); }
-
 int open_regular(const char* path, struct stat* st) { return keep_regular(open_share_path(path, kFileFlags), st); }
 
 int open_regular_at(int dir_fd, const char* name, struct stat* st) {

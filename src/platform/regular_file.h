@@ -24,13 +24,10 @@
 // with O_NONBLOCK, which a regular file's reads ignore); -1 with errno set
 // when it cannot be opened or is anything but a regular file (errno EINVAL
 // then, or ELOOP for a link). A path inside the share root never passes
-// through a link.
-int open_regular(const char* path);
-
-// The same, also giving the status from the query that found it regular, so
-// that a reader needs no second query for the file's size (*st is left
-// untouched on failure).
-int open_regular(const char* path, struct stat* st);
+// through a link. When st is given, *st receives the status from the query
+// that found the file regular, so that a reader needs no second query for its
+// size (it is left untouched on failure).
+int open_regular(const char* path, struct stat* st = nullptr);
 
 // The same for entry `name` of the folder open as dir_fd (AT_FDCWD: name is a
 // path, resolved as given but for its last component).
