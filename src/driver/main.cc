@@ -25,6 +25,7 @@
 #include "driver/progress.h"
 #include "encoding/codepage.h"
 #include "library/flags.h"
+#include "library/gathered_journal.h"
 #include "library/media_types.h"
 #include "library/objid.h"
 #include "library/playlist.h"
@@ -108,6 +109,8 @@ void write_progress_file(int32_t total, int32_t scanned, int done) {
   for (int i = 0; i < 2; ++i) fprintf(f.get(), "%d,%d,%d\n", total, scanned, done);
 }
 
+const char* database_vfs();
+
 // Opens the database with SQLite refusing a link anywhere on the path it is
 // given. That path is the configured one with the folder holding the system
 // folder resolved first: links the mount path itself goes through are the
@@ -123,7 +126,7 @@ int open_database(const char* db_file, const char* mount_path) {
   if (path.back() != '/') path += '/';
   path += db_file + kept;
   return sqlite3_open_v2(path.c_str(), &db_ptr, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW,
-                         nullptr);
+                         database_vfs());
 }
 
 bool can_open_folder(const char* path) {
@@ -152,6 +155,10 @@ void use_single_thread_sqlite() {
 // Holding the file lock for the whole run spares every commit its lock round
 // trip and its re-read of the header; only the header's two transaction
 // counters (bytes 24-27 and 92-95) then differ, which no reader uses.
+// SQLite's own file access, but with each transaction's journal written in
+// one go (library/gathered_journal.h).
+const char* database_vfs() { return gathered_journal_vfs(); }
+
 void use_quick_commits() {
   (void)sql_exec("PRAGMA synchronous=OFF;");
   (void)sql_exec("PRAGMA journal_mode=PERSIST;");
@@ -175,6 +182,7 @@ void close_database(const char* db_file, const char* db_folder) {
 }
 #else
 void use_single_thread_sqlite() {}
+const char* database_vfs() { return nullptr; }
 void use_quick_commits() {}
 void close_database(const char*, const char*) {
   sqlite3_close(db_ptr);

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "library/gathered_journal.h"
 #include "library/schema.h"
 
 Table::~Table() { sqlite3_free_table(cells); }
@@ -426,6 +427,17 @@ bool exec_reused(const char* sql) {
   return true;
 }
 
+// A statement's journal writes are in the file before it counts as run, so a
+// run killed after it keeps what it committed. A failed write fails it.
+bool statement_done() {
+  const int rc = journal_flush();
+  if (rc != SQLITE_OK && zErrMsg == nullptr) {
+    report_lost_writes(rc);
+    set_error(sqlite3_errstr(rc));
+  }
+  return zErrMsg == nullptr;
+}
+
 }  // namespace
 
 void sql_guard_connection(long long max_steps) {
@@ -446,7 +458,7 @@ bool sql_exec(const char* sql) {
     set_error("no database open");
     return false;
   }
-  if (exec_reused(sql)) return zErrMsg == nullptr;
+  if (exec_reused(sql)) return statement_done();
   sqlite3_stmt* stmt = prepare_one(sql);
   if (stmt == nullptr) return false;
   int rc;
@@ -454,7 +466,7 @@ bool sql_exec(const char* sql) {
   }
   if (rc != SQLITE_DONE) set_sqlite_error(rc);
   sqlite3_finalize(stmt);
-  return zErrMsg == nullptr;
+  return statement_done();
 }
 
 void sql_reuse_statements(bool on) {

@@ -1,7 +1,10 @@
 // The library phases on an in-memory database, each behaviour one table under tests/data/cases/.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -14,6 +17,8 @@
 #include "../temp_tree.h"
 #include "driver/progress.h"
 #include "library/flags.h"
+#include "library/gathered_journal.h"
+#include "library/gathered_journal.h"
 #include "library/media_types.h"
 #include "library/objid.h"
 #include "library/playlist.h"
@@ -161,3 +166,48 @@ TABLE_TEST(SchemaAndRecord, "schema.tsv") {
 }
 
 }  // namespace
+
+// What a run killed at some point leaves: the database and journal files as they stand, opened
+// afresh (a hot journal is rolled back then). After a statement returns, its row is kept. A
+// statement killed while its commit writes the database (the file size limit stops it at the first
+// page added behind the pages it changed) leaves the state before it.
+TEST(GatheredJournal, KilledRunLeavesWhatSqliteWould) {
+  TempTree tree;
+  ASSERT_TRUE(tree.ok());
+  const std::string db_file = tree.root() + "run.db", copy = tree.root() + "copy.db";
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open_v2(db_file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, gathered_journal_vfs()),
+            SQLITE_OK);
+  const auto run = [&](const std::string& sql) { return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr); };
+  const auto rows_after_kill = [&] {
+    for (const char* suffix : {"", "-journal"})
+      std::filesystem::copy_file(db_file + suffix, copy + suffix, std::filesystem::copy_options::overwrite_existing);
+    sqlite3* fresh = nullptr;
+    sqlite3_open(copy.c_str(), &fresh);
+    std::string rows = "error";
+    sqlite3_exec(
+        fresh, "select count(*) from t where (select * from pragma_integrity_check) = 'ok';",
+        [](void* out, int, char** v, char**) { return *static_cast<std::string*>(out) = v[0], 0; }, &rows, nullptr);
+    sqlite3_close(fresh);
+    return rows;
+  };
+  ASSERT_EQ(run("PRAGMA synchronous=OFF; PRAGMA journal_mode=PERSIST; PRAGMA locking_mode=EXCLUSIVE;"
+                "create table t (v); insert into t values (1);"),
+            SQLITE_OK);
+  ASSERT_EQ(run("insert into t values (2);"), SQLITE_OK);
+  EXPECT_EQ(journal_flush(), SQLITE_OK);  // as every statement of the scan ends
+  EXPECT_EQ(rows_after_kill(), "2");
+  const pid_t child = fork();
+  if (child == 0) {
+    struct rlimit limit;
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = static_cast<rlim_t>(std::filesystem::file_size(db_file));
+    setrlimit(RLIMIT_FSIZE, &limit);
+    _exit(run("insert into t values (randomblob(20000));"));
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ) << status;
+  EXPECT_EQ(rows_after_kill(), "2");
+  sqlite3_close(db);
+}
