@@ -458,7 +458,7 @@ class FileTags {
   // The bytes are kept: the header of a tag found there is not read again.
   long query(off_t at) {
     if (at < 0 || at >= size_) return 0;
-    const ssize_t n = pread(fd_, queried_, sizeof queried_, at);
+    const ssize_t n = read_at(at, queried_, sizeof queried_);
     queried_at_ = n == ssize_t(sizeof queried_) ? at : -1;
     return n > 0 ? id3_tag_query(queried_, id3_length_t(n)) : 0;
   }
@@ -479,7 +479,7 @@ class FileTags {
     const size_t want = length == 128 ? 128 : 10;
     if (want == sizeof queried_ && location == queried_at_)
       memcpy(head, queried_, want);
-    else if (pread(fd_, head, want, location) != ssize_t(want))
+    else if (read_at(location, head, want) != ssize_t(want))
       return nullptr;
     bool update = false;
     struct id3_tag* tag = memcmp(head, "TAG", 3) == 0 ? id3_tag_parse(head, id3_length_t(length))
@@ -506,8 +506,29 @@ class FileTags {
     long length;
     struct id3_tag* tag;
   };
+  // Up to n bytes at `at`. The file's last bytes, where an ID3v1 tag and the
+  // footer of the tag before it or at the very end lie, are read once and
+  // handed out from here.
+  ssize_t read_at(off_t at, uint8_t* out, size_t n) {
+    const off_t tail_from = size_ > off_t(sizeof tail_) ? size_ - off_t(sizeof tail_) : 0;
+    if (at < tail_from) return pread(fd_, out, n, at);
+    if (!tail_read_) {
+      const ssize_t got = pread(fd_, tail_, size_t(size_ - tail_from), tail_from);
+      tail_len_ = got > 0 ? size_t(got) : 0;
+      tail_read_ = true;
+    }
+    const size_t skip = size_t(at - tail_from);
+    if (skip >= tail_len_) return 0;
+    const size_t take = n < tail_len_ - skip ? n : tail_len_ - skip;
+    memcpy(out, tail_ + skip, take);
+    return ssize_t(take);
+  }
+
   int fd_;
   off_t size_;
+  uint8_t tail_[128 + 10];
+  size_t tail_len_ = 0;
+  bool tail_read_ = false;
   uint8_t queried_[ID3_TAG_QUERYSIZE];
   off_t queried_at_ = -1;
   std::vector<Found> found_;
