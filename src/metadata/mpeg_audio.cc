@@ -282,9 +282,11 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
     if (zero_block && !tag_skipped && err_log_level() < 9) offset = past_zero_blocks(fd, offset, file_size);
     zero_block = false;
     err_log(9, kLogModuleScan, "Reading in new block at %d\n", static_cast<int>(offset));
-    if (offset == 0) {
-      memcpy(block, first, sizeof block);
-    } else if (read_range(fd, offset, block, sizeof block) != sizeof block) {
+    // What the block shares with the first one is taken from it, not read again.
+    const size_t kept = offset < off_t(sizeof first) ? sizeof first - size_t(offset) : 0;
+    memcpy(block, first + (sizeof first - kept), kept);
+    const size_t rest = sizeof block - kept;
+    if (rest > 0 && read_range(fd, offset + off_t(kept), block + kept, rest) != rest) {
       printf("Short read: %s\n", path);
       err_log(1, kLogModuleScan, "Short read: %s\n", path);
       return 0;
