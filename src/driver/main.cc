@@ -143,6 +143,10 @@ void use_single_thread_sqlite() {
   (void)sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
 }
 
+// SQLite's own file access, with each transaction's journal put into its file
+// in one write (library/gathered_journal.h).
+const char* database_vfs() { return gathered_journal_vfs(); }
+
 // Once the first m3u playlist has committed the walk, every later statement
 // is a transaction of its own: one per song, photo and folder on a large
 // share. Under SQLite's defaults each syncs twice and creates and deletes the
@@ -155,10 +159,6 @@ void use_single_thread_sqlite() {
 // Holding the file lock for the whole run spares every commit its lock round
 // trip and its re-read of the header; only the header's two transaction
 // counters (bytes 24-27 and 92-95) then differ, which no reader uses.
-// SQLite's own file access, but with each transaction's journal written in
-// one go (library/gathered_journal.h).
-const char* database_vfs() { return gathered_journal_vfs(); }
-
 void use_quick_commits() {
   (void)sql_exec("PRAGMA synchronous=OFF;");
   (void)sql_exec("PRAGMA journal_mode=PERSIST;");
