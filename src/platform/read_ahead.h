@@ -5,7 +5,7 @@
 // few helper threads ask the kernel (posix_fadvise WILLNEED) for the byte
 // ranges the readers will read of the next regular files of the folder being
 // scanned, so those reads find their pages in the cache. The helpers only
-// advise: it reads no file data, and touches neither the database, nor the
+// advise: they read no file data, and touch neither the database, nor the
 // counters, nor anything the run prints. The walk, the readers and the
 // statements stay on the main thread in their order, so a file that changes
 // between the advice and the read is read as it is then.
