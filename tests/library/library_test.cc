@@ -18,7 +18,6 @@
 #include "driver/progress.h"
 #include "library/flags.h"
 #include "library/gathered_journal.h"
-#include "library/gathered_journal.h"
 #include "library/media_types.h"
 #include "library/objid.h"
 #include "library/playlist.h"
