@@ -25,6 +25,7 @@
 #include "driver/progress.h"
 #include "encoding/codepage.h"
 #include "library/flags.h"
+#include "library/entry_rule.h"
 #include "library/gathered_journal.h"
 #include "library/media_types.h"
 #include "library/objid.h"
@@ -197,6 +198,9 @@ bool read_in_walk(const char* name) {
   return media_class == kClassMusic || media_class == kClassPhoto || media_class == kClassVideo;
 }
 
+// The folders the count goes into: any but a hidden one.
+bool entered_in_count(const char* name) { return !is_hidden_name(name); }
+
 int run(int argc, char** argv) {
   (void)argc;  // the configuration always comes from /etc/upnpav.conf
   install_termination_handler();
@@ -253,7 +257,14 @@ int run(int argc, char** argv) {
       unlink(kMarker);
       return -1;
     }
-    if (Cnt_total_file(sharefolder, share.get()) == 0) {
+    // A root without its closing "/" has its names joined to its own: the
+    // count then goes where no listing ahead would.
+    const size_t root_len = strlen(sharefolder);
+    if (root_len > 0 && sharefolder[root_len - 1] == '/')
+      list_ahead_start(dirfd(share.get()), root_len, kPathLimit, entered_in_count);
+    const int32_t counted = Cnt_total_file(sharefolder, share.get());
+    (void)list_ahead_finish();
+    if (counted == 0) {
       puts("Cnt_total_file():NULL(No content available)");
       total_file_cnt = 1;  // the total never stays 0
     }

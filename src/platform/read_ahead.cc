@@ -1,5 +1,6 @@
 #include "platform/read_ahead.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <string.h>
 #include <signal.h>
@@ -138,4 +139,137 @@ void read_ahead_stop() {
   for (std::thread& t : h->threads) t.join();
   helper = nullptr;
   delete h;
+}
+
+// ---------------------------------------------------------------------------
+// Folders listed ahead of the count.
+
+namespace {
+
+// A listed folder and the subfolders it holds, taken in order.
+struct Frame {
+  std::shared_ptr<Fd> folder;
+  size_t path_len = 0;  // of the folder's path with its "/"
+  std::vector<std::string> subfolders;
+  size_t next = 0;
+};
+
+struct Lister {
+  std::mutex mu;
+  std::condition_variable wake;
+  std::vector<Frame> frames;  // the folder listed last on top
+  size_t names = 0;           // subfolder names held in frames
+  int busy = 0;               // helpers listing a folder
+  size_t listed = 0;          // folders listed
+  size_t path_limit = 0;
+  bool (*wanted)(const char* name) = nullptr;
+  std::vector<std::thread> threads;
+};
+
+Lister* lister = nullptr;
+
+// The subfolders of the folder open as fd (its path path_len bytes long)
+// that `wanted` accepts and whose paths stay below the limit, as the count
+// would go into them: by the listing's type, asked only when it is unknown.
+void subfolders_of(const Lister& l, int fd, size_t path_len, std::vector<std::string>* out) {
+  UniqueDir dir(fdopendir(fcntl(fd, F_DUPFD_CLOEXEC, 0)));
+  struct dirent64* entry;
+  while (dir && (entry = readdir64(dir.get())) != nullptr) {
+    const char* sub = entry->d_name;
+    if (!l.wanted(sub) || path_len + strlen(sub) >= l.path_limit) continue;
+    bool folder = entry->d_type == DT_DIR;
+    struct stat st;
+    if (entry->d_type == DT_UNKNOWN && fstatat(fd, sub, &st, AT_SYMLINK_NOFOLLOW) == 0) folder = S_ISDIR(st.st_mode);
+    if (folder) out->emplace_back(sub);
+  }
+}
+
+// Lists the folder `name` of parent, opened as the count opens it (never
+// through a link), into frame.
+void list_folder(const Lister& l, int parent, const std::string& name, size_t parent_len, Frame* frame) {
+  auto folder = std::make_shared<Fd>(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (folder->fd < 0) return;
+  frame->folder = folder;
+  frame->path_len = parent_len + name.size() + 1;
+  subfolders_of(l, folder->fd, frame->path_len, &frame->subfolders);
+}
+
+void list(Lister* l) {
+  for (;;) {
+    std::shared_ptr<Fd> parent;
+    std::string name;
+    size_t path_len;
+    {
+      std::unique_lock<std::mutex> lock(l->mu);
+      l->wake.wait(lock, [l] { return !l->frames.empty() || l->busy == 0; });
+      if (l->frames.empty()) break;  // every folder listed
+      Frame& top = l->frames.back();
+      parent = top.folder;
+      path_len = top.path_len;
+      name = std::move(top.subfolders[top.next++]);
+      --l->names;
+      if (top.next == top.subfolders.size()) l->frames.pop_back();
+      ++l->busy;
+    }
+    Frame frame;
+    list_folder(*l, parent->fd, name, path_len, &frame);
+    {
+      std::lock_guard<std::mutex> lock(l->mu);
+      --l->busy;
+      if (frame.folder) ++l->listed;
+      const size_t room = kListedNames - l->names;
+      if (frame.subfolders.size() > room) frame.subfolders.resize(room);
+      if (!frame.subfolders.empty() && l->frames.size() < kListedFolders) {
+        l->names += frame.subfolders.size();
+        l->frames.push_back(std::move(frame));
+      }
+    }
+    l->wake.notify_all();
+  }
+  l->wake.notify_all();
+}
+
+}  // namespace
+
+void list_ahead_start(int folder_fd, size_t path_len, size_t path_limit, bool (*wanted)(const char* name)) {
+  if (lister != nullptr || wanted == nullptr || folder_fd < 0) return;
+  Lister* l = new Lister;
+  l->wanted = wanted;
+  l->path_limit = path_limit;
+  Frame root;
+  // Opened anew: a copy of the descriptor would share the count's place in its listing.
+  root.folder = std::make_shared<Fd>(openat(folder_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  root.path_len = path_len;
+  if (root.folder->fd >= 0) subfolders_of(*l, root.folder->fd, path_len, &root.subfolders);
+  if (root.subfolders.size() > kListedNames) root.subfolders.resize(kListedNames);
+  if (root.subfolders.empty()) {
+    delete l;
+    return;
+  }
+  l->names = root.subfolders.size();
+  l->frames.push_back(std::move(root));
+  sigset_t term, old;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &term, &old);
+  try {
+    for (int i = 0; i < kReadAheadThreads; ++i) l->threads.emplace_back(list, l);
+  } catch (const std::system_error&) {
+  }
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  if (l->threads.empty()) {
+    delete l;
+    return;
+  }
+  lister = l;
+}
+
+size_t list_ahead_finish() {
+  Lister* l = lister;
+  if (l == nullptr) return 0;
+  for (std::thread& t : l->threads) t.join();
+  const size_t listed = l->listed;
+  lister = nullptr;
+  delete l;
+  return listed;
 }

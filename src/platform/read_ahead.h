@@ -1,4 +1,5 @@
-// Read-ahead of the files the walk is about to open.
+// Read-ahead of the folders the count is about to list and of the files the
+// walk is about to open.
 //
 // On a cold page cache the walk waits for the disk once per file, one request
 // at a time, while the disk answers several requests at once much faster. A
@@ -37,5 +38,21 @@ void read_ahead_at(int folder_fd, const std::vector<std::string>& names, size_t 
 // Ends the helpers and waits for them. The termination handler needs no
 // call: the helpers end with the process.
 void read_ahead_stop();
+
+// Lists ahead of the count, with helper threads, the folders under
+// folder_fd (whose path is path_len bytes long, its "/" included) whose name
+// `wanted` accepts and whose path stays below path_limit bytes, each opened
+// without following a link: a cold disk then reads several folders at once
+// where the count reads one after another. The helpers touch nothing but
+// the folders they list. At most kListedFolders listed folders wait with
+// their subfolders, kListedNames names in all; the count alone lists the
+// rest of a larger tree.
+constexpr size_t kListedFolders = 64;
+constexpr size_t kListedNames = 4096;
+void list_ahead_start(int folder_fd, size_t path_len, size_t path_limit, bool (*wanted)(const char* name));
+
+// Waits until the helpers have listed every folder they were to list, ends
+// them and tells how many they listed (0 when none ran).
+size_t list_ahead_finish();
 
 #endif  // MEDIAWALK_PLATFORM_READ_AHEAD_H_

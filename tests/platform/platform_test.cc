@@ -1,6 +1,7 @@
 // What the program takes from the system: opening share files, running the detector without a
 // shell, and the xmldb client's requests and replies.
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
@@ -11,11 +12,14 @@
 
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <thread>
 
 #include "../case_table.h"
 #include "../temp_tree.h"
+#include "platform/holders.h"
+#include "platform/read_ahead.h"
 #include "platform/regular_file.h"
 #include "platform/spawn.h"
 #include "platform/xmldb.h"
@@ -38,6 +42,29 @@ TABLE_TEST(RegularFile, "regular_file.tsv") {
   EXPECT_EQ(f != nullptr, c.at(1) == "0");
   if (fd >= 0) close(fd);
   if (f) fclose(f);
+}
+
+// The helpers listing ahead of the count go into the folders the count goes into, as far as
+// their bounds reach, and into nothing else.
+TABLE_TEST(ListAhead, "list_ahead.tsv") {
+  TempTree tree;
+  std::istringstream entries(c.at(0));
+  for (std::string e; entries >> e;) {
+    const size_t arrow = e.find("->");
+    if (e[0] == '*') {
+      for (long i = 0; i < strtol(e.c_str() + 1, nullptr, 10); ++i) tree.dir("w" + std::to_string(i));
+    } else if (arrow != std::string::npos) {
+      tree.link(e.substr(arrow + 2), e.substr(0, arrow));
+    } else if (e.back() == '/') {
+      tree.dir(e);
+    } else {
+      tree.file(e);
+    }
+  }
+  Fd root(open(tree.root().c_str(), O_RDONLY | O_DIRECTORY));
+  const size_t len = tree.root().size();
+  list_ahead_start(root.fd, len, len + static_cast<size_t>(c.num(1)), [](const char* name) { return name[0] != '.'; });
+  EXPECT_EQ(list_ahead_finish(), static_cast<size_t>(c.num(2)));
 }
 
 // The detector's answer: what it printed within its time, 18 bytes at most, whatever its end.
