@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -29,6 +30,12 @@ constexpr off_t kHead = 128 * 1024;
 constexpr off_t kMiddle = 32 * 1024;
 constexpr off_t kTail = 4 * 1024;
 
+// Files in a row whose head the helpers found in the cache, after which the
+// cache is taken for warm; and, then, the entries the walk passes between
+// two hand-overs that look whether it still is.
+constexpr int kWarmRun = 64;
+constexpr unsigned kWarmProbe = 256;
+
 struct Job {
   unsigned long long seq;         // the entry's place in the walk
   std::shared_ptr<Fd> folder;     // the helpers' own descriptor of the entry's folder
@@ -46,15 +53,24 @@ struct Helper {
   bool stop = false;
   bool (*wanted)(const char* name) = nullptr;
   std::vector<std::thread> threads;
+  std::atomic<int> cached_in_row{0};
+  unsigned warm_passed = 0;  // entries the walk passed since the last hand-over on a warm cache
 };
 
 Helper* helper = nullptr;
 
-void advise(const Job& job) {
+void advise(Helper* h, const Job& job) {
   // Opened as the readers open it: a FIFO, device or link is refused without blocking.
   struct stat st;
   Fd fd(open_regular_at(job.folder->fd, job.name.c_str(), &st));
   if (fd.fd < 0 || st.st_size <= 0) return;
+  // A read that may not wait for the disk tells whether the head is cached.
+  char byte;
+  struct iovec one = {&byte, 1};
+  if (preadv2(fd.fd, &one, 1, 0, RWF_NOWAIT) == 1)
+    h->cached_in_row.fetch_add(1, std::memory_order_relaxed);
+  else
+    h->cached_in_row.store(0, std::memory_order_relaxed);
   const off_t size = st.st_size;
   (void)posix_fadvise(fd.fd, 0, size < kHead ? size : kHead, POSIX_FADV_WILLNEED);
   if (size <= kHead) return;
@@ -75,7 +91,7 @@ void run(Helper* h) {
       if (job.seq <= h->walk_seq) continue;  // the walk got there first
     }
     // Judged here rather than in the walk, which then pays only for the hand-over.
-    if (h->wanted(job.name.c_str())) advise(job);
+    if (h->wanted(job.name.c_str())) advise(h, job);
   }
 }
 
@@ -113,6 +129,9 @@ void read_ahead_at(int folder_fd, const std::vector<std::string>& names, size_t 
   while (!h->jobs.empty() && h->jobs.front().seq <= h->walk_seq) h->jobs.pop_front();
   if (h->handed <= index) h->handed = index + 1;
   if (!h->folder || h->folder->fd < 0) return;
+  // On a warm cache waking the helpers costs the walk more than they save
+  // it: they are handed a window only now and then, to see whether it still is.
+  if (h->cached_in_row.load(std::memory_order_relaxed) >= kWarmRun && ++h->warm_passed % kWarmProbe != 0) return;
   const size_t end = names.size() - index > kReadAheadFiles ? index + 1 + kReadAheadFiles : names.size();
   bool pushed = false;
   for (; h->handed < end; ++h->handed) {
