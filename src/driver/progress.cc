@@ -10,7 +10,6 @@
 
 #include "library/entry_rule.h"
 #include "platform/holders.h"
-#include "platform/read_ahead.h"
 #include "platform/xmldb.h"
 
 namespace {
@@ -83,7 +82,6 @@ int32_t Cnt_total_file(const char* path, DIR* dir) {
         printf("<mediawalk>Cnt_total_file(): opendir error:[%s],file:[%s]\n", strerror(errno), full);
         continue;
       }
-      list_ahead_passed();
       count += Cnt_total_file(full, sub.get());
       continue;
     }

@@ -166,9 +166,6 @@ void read_ahead_stop() {
 
 namespace {
 
-// Folders the count may list beyond the helpers before they stop.
-constexpr size_t kCountAhead = 256;
-
 // A listed folder and the subfolders it holds, taken in order.
 struct Frame {
   std::shared_ptr<Fd> folder;
@@ -184,8 +181,6 @@ struct Lister {
   size_t names = 0;           // subfolder names held in frames
   int busy = 0;               // helpers listing a folder
   size_t listed = 0;          // folders listed
-  std::atomic<size_t> passed{0};  // folders the count has listed
-  bool stop = false;              // the count has caught up
   size_t path_limit = 0;
   bool (*wanted)(const char* name) = nullptr;
   std::vector<std::thread> threads;
@@ -205,10 +200,7 @@ void subfolders_of(const Lister& l, int fd, size_t path_len, std::vector<std::st
     bool folder = entry->d_type == DT_DIR;
     struct stat st;
     if (entry->d_type == DT_UNKNOWN && fstatat(fd, sub, &st, AT_SYMLINK_NOFOLLOW) == 0) folder = S_ISDIR(st.st_mode);
-    if (folder)
-      out->emplace_back(sub);
-    else if (entry->d_type == DT_REG)
-      (void)fstatat(fd, sub, &st, AT_SYMLINK_NOFOLLOW);  // the walk asks for its status next
+    if (folder) out->emplace_back(sub);
   }
 }
 
@@ -229,8 +221,8 @@ void list(Lister* l) {
     size_t path_len;
     {
       std::unique_lock<std::mutex> lock(l->mu);
-      l->wake.wait(lock, [l] { return l->stop || !l->frames.empty() || l->busy == 0; });
-      if (l->stop || l->frames.empty()) break;  // stopped, or every folder listed
+      l->wake.wait(lock, [l] { return !l->frames.empty() || l->busy == 0; });
+      if (l->frames.empty()) break;  // every folder listed
       Frame& top = l->frames.back();
       parent = top.folder;
       path_len = top.path_len;
@@ -245,9 +237,6 @@ void list(Lister* l) {
       std::lock_guard<std::mutex> lock(l->mu);
       --l->busy;
       if (frame.folder) ++l->listed;
-      // A count that gets ahead of the helpers finds the folders in the
-      // cache: listing on, they would only take its processor.
-      if (l->passed.load(std::memory_order_relaxed) >= l->listed + kCountAhead) l->stop = true;
       const size_t room = kListedNames - l->names;
       if (frame.subfolders.size() > room) frame.subfolders.resize(room);
       if (!frame.subfolders.empty() && l->frames.size() < kListedFolders) {
@@ -293,10 +282,6 @@ void list_ahead_start(int folder_fd, size_t path_len, size_t path_limit, bool (*
     return;
   }
   lister = l;
-}
-
-void list_ahead_passed() {
-  if (lister != nullptr) lister->passed.fetch_add(1, std::memory_order_relaxed);
 }
 
 size_t list_ahead_finish() {

@@ -42,23 +42,17 @@ void read_ahead_stop();
 // Lists ahead of the count, with helper threads, the folders under
 // folder_fd (whose path is path_len bytes long, its "/" included) whose name
 // `wanted` accepts and whose path stays below path_limit bytes, each opened
-// without following a link, and ask the status of the regular files in
-// them, as the walk will: a cold disk then reads several folders and inodes
-// at once where the count and the walk read one after another. The helpers
-// touch nothing but what they list and ask. At most kListedFolders listed folders wait with
+// without following a link: a cold disk then reads several folders at once
+// where the count reads one after another. The helpers touch nothing but
+// the folders they list, which the count reads in the same phase. At most kListedFolders listed folders wait with
 // their subfolders, kListedNames names in all; the count alone lists the
 // rest of a larger tree.
 constexpr size_t kListedFolders = 64;
 constexpr size_t kListedNames = 4096;
 void list_ahead_start(int folder_fd, size_t path_len, size_t path_limit, bool (*wanted)(const char* name));
 
-// The count has listed one more folder below the share folder. Once it is
-// a few hundred folders ahead of the helpers, they stop: the folders come
-// from the cache, and they would only take its processor.
-void list_ahead_passed();
-
-// Waits until the helpers have listed every folder they were to list, or
-// stopped, ends them and tells how many they listed (0 when none ran).
+// Waits until the helpers have listed every folder they were to list, ends
+// them and tells how many they listed (0 when none ran).
 size_t list_ahead_finish();
 
 #endif  // MEDIAWALK_PLATFORM_READ_AHEAD_H_
