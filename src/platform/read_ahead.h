@@ -6,10 +6,12 @@
 // few helper threads ask the kernel (posix_fadvise WILLNEED) for the byte
 // ranges the readers will read of the next regular files of the folder being
 // scanned, so those reads find their pages in the cache. The helpers only
-// advise: they read no file data, and touch neither the database, nor the
-// counters, nor anything the run prints. The walk, the readers and the
-// statements stay on the main thread in their order, so a file that changes
-// between the advice and the read is read as it is then.
+// advise: of a file's data they read one byte, and only when it is cached
+// already (that is how they tell a warm cache, on which they rest), and
+// they touch neither the database, nor the counters, nor anything the run
+// prints. The walk, the readers and the statements stay on the main thread
+// in their order, so a file that changes between the advice and the read is
+// read as it is then.
 #ifndef MEDIAWALK_PLATFORM_READ_AHEAD_H_
 #define MEDIAWALK_PLATFORM_READ_AHEAD_H_
 
@@ -44,9 +46,9 @@ void read_ahead_stop();
 // `wanted` accepts and whose path stays below path_limit bytes, each opened
 // without following a link: a cold disk then reads several folders at once
 // where the count reads one after another. The helpers touch nothing but
-// the folders they list, which the count reads in the same phase. At most kListedFolders listed folders wait with
-// their subfolders, kListedNames names in all; the count alone lists the
-// rest of a larger tree.
+// the folders they list, which the count reads in the same phase. At most
+// kListedFolders listed folders wait with their subfolders, kListedNames
+// names in all; the count alone lists the rest of a larger tree.
 constexpr size_t kListedFolders = 64;
 constexpr size_t kListedNames = 4096;
 void list_ahead_start(int folder_fd, size_t path_len, size_t path_limit, bool (*wanted)(const char* name));
