@@ -34,6 +34,7 @@
 #include "library/sort.h"
 #include "library/sql.h"
 #include "library/walk.h"
+#include "log/out_buffer.h"
 #include "platform/command.h"
 #include "platform/holders.h"
 #include "platform/read_ahead.h"
@@ -52,8 +53,12 @@ constexpr char kResultFile[] = "/tmp/mediawalk.result";
 FILE* result_file = nullptr;
 
 // Only async-signal-safe calls: the signal may land while stdio is locked.
-// stdout is line-buffered, so everything printed before is already out.
-extern "C" void on_terminate(int) {
+// What was printed before and still waits in the gathered page goes out
+// first (log/out_buffer.h); a SIGTERM that lands while a page is written
+// comes back here once the write has returned.
+extern "C" void on_terminate(int sig) {
+  if (out_hold_signal(sig)) return;
+  out_write_waiting();
   static const char kMessage[] = "mediawalk(): terminate\n";
   ssize_t ignored = write(STDOUT_FILENO, kMessage, sizeof kMessage - 1);
   (void)ignored;
@@ -198,6 +203,12 @@ bool read_in_walk(const char* name) {
   return media_class == kClassMusic || media_class == kClassPhoto || media_class == kClassVideo;
 }
 
+// A line that starts a phase is written at once, with what waits before it.
+void phase_line(const char* text) {
+  puts(text);
+  out_flush();
+}
+
 // The folders the count goes into: any but a hidden one.
 bool entered_in_count(const char* name) { return !is_hidden_name(name); }
 
@@ -270,6 +281,7 @@ int run(int argc, char** argv) {
     }
   }
   printf("total_file_cnt[%d]\n", total_file_cnt.load());
+  out_flush();
 
   if (!can_open_folder(mount_path)) {
     puts("<mediawalk> \"/mnt/HD_a4\" not found");
@@ -299,7 +311,7 @@ int run(int argc, char** argv) {
     remove(db_file);
     remove(journal_file);
   }
-  puts("SQLite db file create\r");
+  phase_line("SQLite db file create\r");
 
   use_single_thread_sqlite();
   if (link_on_path || open_database(db_file, mount_path) != SQLITE_OK) {
@@ -316,7 +328,7 @@ int run(int argc, char** argv) {
   sql_guard_connection();
 
   use_quick_commits();
-  puts("creat table-->");
+  phase_line("creat table-->");
   // Left open on purpose: the walk's many single-row inserts run inside it.
   // The first m3u playlist commits it early; the final COMMIT then fails
   // unexamined, as the media server has always had it.
@@ -344,7 +356,7 @@ int run(int argc, char** argv) {
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
   }
 
-  puts("Scan Music -->");
+  phase_line("Scan Music -->");
   read_ahead_start(read_in_walk);
   if (ScanMusic(sharefolder, 0) == 0) puts("1scan file fail");
   while (queue_has_folders()) {
@@ -354,20 +366,21 @@ int run(int argc, char** argv) {
   }
   read_ahead_stop();
 
-  puts("Parse playlist-->");
+  phase_line("Parse playlist-->");
   if (parser_playlist() == 0) puts("parser_playlist fail");
-  puts("Sort DBtable-->");
+  phase_line("Sort DBtable-->");
   if (sort_dbtable() == 0) puts("Sort DBtable fail");
-  puts("Assign path_objid_tbl media-->");
+  phase_line("Assign path_objid_tbl media-->");
   if (Assign_pathtbl_media() == 0) puts("Assign path_objid_tbl media fail");
   record_objid_tbl();  // its result is not examined
 
   (void)sql_exec("COMMIT;");
   close_database(db_file, db_folder);
 
-  puts("Cover old-DB table-->");
+  phase_line("Cover old-DB table-->");
   {
     const char* const date[] = {"date", nullptr};
+    out_flush();  // date prints into the same output
     (void)run_program(date, -1);
   }
   printf("\n");
@@ -375,6 +388,7 @@ int run(int argc, char** argv) {
   unlink(kMarker);
   puts("Finish-->");
   printf("total_scan_cnt[%d]\n", total_scan_cnt.load());
+  out_flush();
   scan_finished = 1;
   const int32_t total = total_file_cnt, scanned = total_scan_cnt;
   write_progress_file(total, scanned, 1);
@@ -394,8 +408,9 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Line-buffered so that the output of date and a termination message land
+  // Gathered a page at a time into a pipe or file; line-buffered on a
+  // terminal. Either way the output of date and a termination message land
   // in order with ours.
-  setvbuf(stdout, nullptr, _IOLBF, 0);
+  if (!out_buffer_start(on_terminate)) setvbuf(stdout, nullptr, _IOLBF, 0);
   return run(argc, argv);
 }

@@ -10,6 +10,8 @@
 #include <syslog.h>
 #include <time.h>
 
+#include "log/out_buffer.h"
+
 namespace {
 
 // Module N of this table has the bit 1 << N.
@@ -62,6 +64,7 @@ void err_log(int level, uint32_t module, const char* fmt, ...) {
   va_end(ap);
 
   pthread_mutex_lock(&log_mutex);
+  out_flush();  // what was printed before comes first where both outputs meet
   // A fatal message must reach the console even when the log goes elsewhere;
   // the renderer module keeps its fatal messages in the log only.
   if (level == 0 && log_target != kLogStderr && (module & kLogModuleRend) == 0) {
