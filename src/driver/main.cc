@@ -379,8 +379,8 @@ int run(int argc, char** argv) {
 
   phase_line("Cover old-DB table-->");
   {
+    // Prints into the same output, after the phase line that has just gone out.
     const char* const date[] = {"date", nullptr};
-    out_flush();  // date prints into the same output
     (void)run_program(date, -1);
   }
   printf("\n");

@@ -59,6 +59,22 @@ struct Helper {
 
 Helper* helper = nullptr;
 
+// Starts kReadAheadThreads threads running fn(arg), as many as can start,
+// with SIGTERM blocked in them so that the signal is always taken by the
+// main thread.
+template <typename T>
+void start_helpers(std::vector<std::thread>* threads, void (*fn)(T*), T* arg) {
+  sigset_t term, old;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &term, &old);
+  try {
+    for (int i = 0; i < kReadAheadThreads; ++i) threads->emplace_back(fn, arg);
+  } catch (const std::system_error&) {
+  }
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
 void advise(Helper* h, const Job& job) {
   // Opened as the readers open it: a FIFO, device or link is refused without blocking.
   struct stat st;
@@ -101,19 +117,11 @@ void read_ahead_start(bool (*wanted)(const char* name)) {
   if (helper != nullptr || wanted == nullptr) return;
   Helper* h = new Helper;
   h->wanted = wanted;
-  sigset_t term, old;
-  sigemptyset(&term);
-  sigaddset(&term, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &term, &old);
-  try {
-    for (int i = 0; i < kReadAheadThreads; ++i) h->threads.emplace_back(run, h);
-  } catch (const std::system_error&) {
-  }
+  start_helpers(&h->threads, run, h);
   if (!h->threads.empty())
     helper = h;
   else
     delete h;
-  pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
 void read_ahead_at(int folder_fd, const std::vector<std::string>& names, size_t index) {
@@ -268,15 +276,7 @@ void list_ahead_start(int folder_fd, size_t path_len, size_t path_limit, bool (*
   }
   l->names = root.subfolders.size();
   l->frames.push_back(std::move(root));
-  sigset_t term, old;
-  sigemptyset(&term);
-  sigaddset(&term, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &term, &old);
-  try {
-    for (int i = 0; i < kReadAheadThreads; ++i) l->threads.emplace_back(list, l);
-  } catch (const std::system_error&) {
-  }
-  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  start_helpers(&l->threads, list, l);
   if (l->threads.empty()) {
     delete l;
     return;
