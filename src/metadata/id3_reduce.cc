@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "metadata/bytes.h"
+#include "metadata/read_range.h"
 #include "platform/holders.h"
 #include "platform/regular_file.h"
 
@@ -61,8 +62,8 @@ struct Allowance {
 // byte right after 0xFF is dropped, as libid3tag drops it.
 class Source {
  public:
-  Source(int fd, off_t begin, off_t end, bool unsync, Allowance* allow)
-      : fd_(fd), raw_(begin), end_(end), unsync_(unsync), allow_(allow) {}
+  Source(FileBytes* file, off_t begin, off_t end, bool unsync, Allowance* allow)
+      : file_(file), raw_(begin), end_(end), unsync_(unsync), allow_(allow) {}
 
   // Up to n decoded bytes into out, or skipped when out is null. Fewer only at the end of
   // the range or when the file cannot be read.
@@ -135,7 +136,7 @@ class Source {
   // starts there, the range is short, or the file system cannot tell.
   off_t hole_from(off_t at) const {
     if (end_ - at < off_t(4 * kBlock)) return at;
-    const off_t data = next_data(fd_, at, end_);
+    const off_t data = next_data(file_->fd(), at, end_);
     return data < end_ ? data : end_;
   }
 
@@ -152,14 +153,14 @@ class Source {
       buf_.reset(new uint8_t[want]);
       cap_ = want;
     }
-    const ssize_t got = pread(fd_, buf_.get(), want, raw_);
+    const ssize_t got = file_->pread(buf_.get(), want, raw_);
     len_ = got > 0 ? size_t(got) : 0;
     buf_at_ = raw_;
     failed_ = got <= 0;
     return !failed_;
   }
 
-  int fd_;
+  FileBytes* file_;
   off_t raw_, end_;
   bool unsync_;
   Allowance* allow_;
@@ -219,7 +220,7 @@ bool inflates_to(Limited* in, uint64_t declared, Allowance* allow, std::vector<u
 // A reduced copy of one ID3v2 tag, frame by frame.
 class Reducer {
  public:
-  Reducer(int fd, int version, Allowance* allow) : fd_(fd), version_(version), allow_(allow) {}
+  Reducer(FileBytes* file, int version, Allowance* allow) : file_(file), version_(version), allow_(allow) {}
 
   // Walks the frames of body from its current position to `end` as libid3tag's tag parser
   // walks them. False when libid3tag would reject the tag.
@@ -271,7 +272,7 @@ class Reducer {
 
     // Large and parsed by libid3tag: its first decoded bytes decide how, so those are kept,
     // without the unsynchronisation or compression that made them.
-    Source unsynced(fd_, body->raw(), body->raw() + off_t(size - lead), true, allow_);
+    Source unsynced(file_, body->raw(), body->raw() + off_t(size - lead), true, allow_);
     const bool frame_unsync = version_ == 4 && (flags & 0x02) != 0;
     Limited data{frame_unsync ? &unsynced : body, frame_unsync ? UINT64_MAX : size - lead};
     std::vector<uint8_t> head;
@@ -329,7 +330,7 @@ class Reducer {
     return true;
   }
 
-  int fd_;
+  FileBytes* file_;
   int version_;
   Allowance* allow_;
 };
@@ -349,7 +350,7 @@ uint32_t crc_of(Source* src, uint64_t n) {
 // The ID3v2 tag whose 10-byte header `head` is at `at` of the file, parsed by libid3tag from
 // its reduced copy; null when libid3tag would not read it. *update is set for a v2.4 tag
 // that declares itself an update of the tags before it.
-struct id3_tag* read_v2(int fd, off_t at, const uint8_t* head, Allowance* allow, bool* update) {
+struct id3_tag* read_v2(FileBytes* file, off_t at, const uint8_t* head, Allowance* allow, bool* update) {
   const int version = head[3], flags = head[5];
   if (version < 2 || version > 4 || (version == 2 && (flags & 0x40))) return nullptr;
   const uint32_t size = syncsafe(head + 6, 4);
@@ -357,11 +358,11 @@ struct id3_tag* read_v2(int fd, off_t at, const uint8_t* head, Allowance* allow,
   const off_t begin = at + 10, finish = begin + off_t(size);
   uint64_t end = size;
   if (unsync) {
-    Source count(fd, begin, finish, true, allow);
+    Source count(file, begin, finish, true, allow);
     end = count.read(nullptr, UINT64_MAX);
     if (count.failed()) return nullptr;
   }
-  Source body(fd, begin, finish, unsync, allow);
+  Source body(file, begin, finish, unsync, allow);
   uint64_t frames_begin = 0;
   bool check_crc = false;
   unsigned long crc = 0;
@@ -422,7 +423,7 @@ struct id3_tag* read_v2(int fd, off_t at, const uint8_t* head, Allowance* allow,
       frames_begin = ext_size;
     }
     if (check_crc) {
-      Source again(fd, begin, finish, unsync, allow);
+      Source again(file, begin, finish, unsync, allow);
       again.read(nullptr, frames_begin);
       if (crc != crc_of(&again, end - frames_begin) || again.failed()) return nullptr;
     }
@@ -430,7 +431,7 @@ struct id3_tag* read_v2(int fd, off_t at, const uint8_t* head, Allowance* allow,
     if (body.read(nullptr, skip) != skip) return nullptr;
   }
 
-  Reducer reducer(fd, version, allow);
+  Reducer reducer(file, version, allow);
   if (!reducer.frames(&body, end)) return nullptr;
   std::vector<uint8_t>& out = reducer.out;
   const uint32_t reduced = uint32_t(out.size() - 10);
@@ -448,7 +449,7 @@ struct id3_tag* read_v2(int fd, off_t at, const uint8_t* head, Allowance* allow,
 // The tags of one file in the order libid3tag's file reader finds them, merged into one.
 class FileTags {
  public:
-  FileTags(int fd, off_t size) : fd_(fd), size_(size) {}
+  FileTags(FileBytes* file) : file_(file), size_(file->size()) {}
   ~FileTags() {
     for (const Found& f : found_) id3_tag_delete(f.tag);
     if (merged_ != nullptr) id3_tag_delete(merged_);
@@ -483,7 +484,7 @@ class FileTags {
       return nullptr;
     bool update = false;
     struct id3_tag* tag = memcmp(head, "TAG", 3) == 0 ? id3_tag_parse(head, id3_length_t(length))
-                                                      : read_v2(fd_, location, head, &allow_, &update);
+                                                      : read_v2(file_, location, head, &allow_, &update);
     if (tag == nullptr) return nullptr;
     if (!update) id3_tag_clearframes(merged_);
     struct id3_frame* frame;
@@ -511,9 +512,9 @@ class FileTags {
   // handed out from here.
   ssize_t read_at(off_t at, uint8_t* out, size_t n) {
     const off_t tail_from = size_ > off_t(sizeof tail_) ? size_ - off_t(sizeof tail_) : 0;
-    if (at < tail_from) return pread(fd_, out, n, at);
+    if (at < tail_from) return file_->pread(out, n, at);
     if (!tail_read_) {
-      const ssize_t got = pread(fd_, tail_, size_t(size_ - tail_from), tail_from);
+      const ssize_t got = file_->pread(tail_, size_t(size_ - tail_from), tail_from);
       tail_len_ = got > 0 ? size_t(got) : 0;
       tail_read_ = true;
     }
@@ -524,7 +525,7 @@ class FileTags {
     return ssize_t(take);
   }
 
-  int fd_;
+  FileBytes* file_;
   off_t size_;
   uint8_t tail_[128 + 10];
   size_t tail_len_ = 0;
@@ -544,7 +545,13 @@ struct id3_tag* id3_read_file_tags(int fd, long long known_size) {
     if (fstat(fd, &st) != 0) return nullptr;
     size = st.st_size;
   }
-  FileTags tags(fd, size);
+  FileBytes file(fd, size);
+  return id3_read_file_tags(&file);
+}
+
+struct id3_tag* id3_read_file_tags(FileBytes* file) {
+  const off_t size = file->size();
+  FileTags tags(file);
   if (tags.merged_ == nullptr) return nullptr;
   off_t next = 0;
 

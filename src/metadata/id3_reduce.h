@@ -19,6 +19,8 @@
 #include <id3tag.h>
 #include <stddef.h>
 
+#include "metadata/read_range.h"
+
 // A text-bearing frame larger than this (stored, or once inflated) is cut
 // like any other frame: its text keeps only its beginning.
 constexpr size_t kId3TextFrameMax = 1u << 20;
@@ -41,5 +43,8 @@ constexpr unsigned long long kId3ReadMax = 1ull << 30;
 // holes may move the descriptor's offset. Null only when memory runs out or
 // the size cannot be had. The caller deletes it with id3_tag_delete.
 struct id3_tag* id3_read_file_tags(int fd, long long size = -1);
+
+// The same for a file opened as *file, of the size its open found.
+struct id3_tag* id3_read_file_tags(FileBytes* file);
 
 #endif  // MEDIAWALK_METADATA_ID3_REDUCE_H_

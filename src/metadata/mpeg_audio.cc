@@ -66,12 +66,12 @@ bool is_xing(const uint8_t* p) {
 
 // The four bytes at pos, taken from the block already read from block_pos
 // when they lie inside it, else read from the file.
-bool four_bytes_at(int fd, off_t pos, const uint8_t* block, off_t block_pos, size_t block_len, uint8_t* out) {
+bool four_bytes_at(FileBytes* file, off_t pos, const uint8_t* block, off_t block_pos, size_t block_len, uint8_t* out) {
   if (pos >= block_pos && pos - block_pos <= static_cast<off_t>(block_len) - 4) {
     memcpy(out, block + (pos - block_pos), 4);
     return true;
   }
-  return read_range(fd, pos, out, 4) == 4;
+  return read_range(file, pos, out, 4) == 4;
 }
 
 // A block of zeros holds no sync byte, so the search only moves on from it,
@@ -172,14 +172,16 @@ int mp3_decode_frame_header(const uint8_t* p, Mp3Frame* frame) {
   return 0;
 }
 
-void mp3_average_bitrate(int fd, int64_t file_size, Mp3Frame* first) {
+namespace {
+
+void average_bitrate(FileBytes* file, int64_t file_size, Mp3Frame* first) {
   err_log(9, kLogModuleScan, "Starting averaging bitrate\n");
   if (file_size < 0) return;
   const off_t start = static_cast<off_t>(file_size / 2);
 
   // Most of the ten headers lie in the window, so they are taken from it.
   uint8_t window[kMiddleSize];
-  if (read_range(fd, start, window, sizeof window) != sizeof window) return;
+  if (read_range(file, start, window, sizeof window) != sizeof window) return;
 
   Mp3Frame frame{};
   size_t index = 0;
@@ -192,7 +194,7 @@ void mp3_average_bitrate(int fd, int64_t file_size, Mp3Frame* first) {
     if (mp3_decode_frame_header(window + index, &frame) == 0) {
       uint8_t next[4];
       const off_t next_pos = start + static_cast<off_t>(index) + frame.frame_length;
-      if (!four_bytes_at(fd, next_pos, window, start, sizeof window, next)) {
+      if (!four_bytes_at(file, next_pos, window, start, sizeof window, next)) {
         err_log(9, kLogModuleScan, "Could not read frame header\n");
         return;
       }
@@ -207,7 +209,7 @@ void mp3_average_bitrate(int fd, int64_t file_size, Mp3Frame* first) {
   int32_t sum = 0;
   for (int i = 0; i < kAveragedFrames; ++i) {
     uint8_t head[4];
-    if (!four_bytes_at(fd, pos, window, start, sizeof window, head)) {
+    if (!four_bytes_at(file, pos, window, start, sizeof window, head)) {
       err_log(9, kLogModuleScan, "Could not read frame header\n");
       return;
     }
@@ -224,27 +226,36 @@ void mp3_average_bitrate(int fd, int64_t file_size, Mp3Frame* first) {
   err_log(9, kLogModuleScan, "New bitrate: %d\n", first->bitrate);
 }
 
+}  // namespace
+
+void mp3_average_bitrate(int fd, int64_t file_size, Mp3Frame* first) {
+  FileBytes file(fd, static_cast<off_t>(file_size));
+  average_bitrate(&file, file_size, first);
+}
+
 int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
   struct stat st;  // the size comes from the open's status query
-  Fd file(open_regular(path, &st));
-  if (file.fd < 0) {
+  const Fd fd(open_regular(path, &st));
+  if (fd.fd < 0) {
     err_log(2, kLogModuleScan, "Could not open %s for reading\n", path);
     printf("Could not open %s for reading\n", path);
     return -1;
   }
-  // Every read below is a pread of the bytes the search needs, so nothing is
-  // read twice and the descriptor's position means nothing.
-  const int fd = file.fd;
+  // Every read below is of the bytes the search needs, so nothing is read
+  // twice and the descriptor's position means nothing; the first 4 KiB come
+  // with one read.
+  FileBytes bytes(fd.fd, st.st_size);
+  FileBytes* const file = &bytes;
 
   Mp3Frame frame{};
-  const int64_t file_size = st.st_size > 0 ? st.st_size : 0;
+  const int64_t file_size = file->size() > 0 ? file->size() : 0;
   info->file_size = static_cast<uint32_t>(file_size);  // the record keeps the low 32 bits
 
   // The first block is kept: the search starts over at byte 0 when no frame
   // follows the tag, and reads it from here rather than from the file.
   uint8_t first[kBlockSize];
   bool failed = false;
-  if (read_range(fd, 0, first, sizeof first, &failed) < sizeof first) {
+  if (read_range(file, 0, first, sizeof first, &failed) < sizeof first) {
     if (!failed) {
       printf("Short file: %s\n", path);
       err_log(1, kLogModuleScan, "Short file: %s\n", path);
@@ -279,14 +290,14 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
   // ordinary file searched block by block costs no extra system calls.
   bool zero_block = false;
   while (!found) {
-    if (zero_block && !tag_skipped && err_log_level() < 9) offset = past_zero_blocks(fd, offset, file_size);
+    if (zero_block && !tag_skipped && err_log_level() < 9) offset = past_zero_blocks(file->fd(), offset, file_size);
     zero_block = false;
     err_log(9, kLogModuleScan, "Reading in new block at %d\n", static_cast<int>(offset));
     // What the block shares with the first one is taken from it, not read again.
     const size_t kept = offset < off_t(sizeof first) ? sizeof first - size_t(offset) : 0;
     memcpy(block, first + (sizeof first - kept), kept);
     const size_t rest = sizeof block - kept;
-    if (rest > 0 && read_range(fd, offset + off_t(kept), block + kept, rest) != rest) {
+    if (rest > 0 && read_range(file, offset + off_t(kept), block + kept, rest) != rest) {
       printf("Short read: %s\n", path);
       err_log(1, kLogModuleScan, "Short read: %s\n", path);
       return 0;
@@ -321,7 +332,7 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
           err_log(9, kLogModuleScan, "Found valid frame at %04x\n", static_cast<unsigned>(here));
           err_log(9, kLogModuleScan, "Checking at %04x\n", static_cast<unsigned>(next_pos));
           uint8_t next[4];
-          if (!four_bytes_at(fd, next_pos, block, offset, sizeof block, next)) {
+          if (!four_bytes_at(file, next_pos, block, offset, sizeof block, next)) {
             printf("Could not read frame header: %s\n", path);
             err_log(1, kLogModuleScan, "Could not read frame header: %s\n", path);
             return 0;
@@ -348,7 +359,6 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
   }
 
   if (mp3_decode_frame_header(block + index, &frame) != 0) {
-    close(file.release());
     printf("Could not find sync frame: %s\n", path);
     err_log(1, kLogModuleScan, "Could not find sync frame: %s\n", path);
     err_log(1, kLogModuleScan, "%s", kReportLine);
@@ -371,7 +381,7 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
     if (flags & 0x1) frame.number_of_frames = get_be16(xing + 8);
   }
 
-  mp3_average_bitrate(fd, file_size, &frame);
+  average_bitrate(file, file_size, &frame);
   info->bitrate = frame.bitrate;
   info->sample_rate = frame.sample_rate;
 
