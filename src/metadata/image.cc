@@ -28,10 +28,10 @@ enum ImageType : int32_t { kBmp = 0, kJpeg = 1, kGif = 2, kTiff = 3, kPng = 4 };
 constexpr size_t kHeadSize = 32;
 
 // The open file as the readers see it. Every range they need has a known
-// place and size, so each is read with one pread into a buffer of that size;
-// the first bytes are read once, for the dispatch, and handed out from here.
+// place and size; the file's first 4 KiB, where the dispatch's bytes and most
+// headers and segments lie, are read once and handed out from memory.
 struct Source {
-  int fd = -1;
+  FileBytes* bytes = nullptr;
   off_t size = 0;          // from the open's status query
   uint8_t head[kHeadSize] = {};
   size_t head_len = 0;     // bytes of head the file had
@@ -40,15 +40,7 @@ struct Source {
   // short file leaves the rest of the buffer as zeros, which is what the
   // readers then decode. Returns how many bytes arrived.
   size_t read(off_t pos, uint8_t* buf, size_t len) const {
-    if (pos < 0) return 0;
-    size_t got = 0;
-    if (pos < static_cast<off_t>(head_len)) {
-      got = head_len - size_t(pos) < len ? head_len - size_t(pos) : len;
-      memcpy(buf, head + pos, got);
-      if (got == len) return got;
-    }
-    if (head_len < kHeadSize) return got;  // the file ended inside the head
-    return got + read_range(fd, pos + static_cast<off_t>(got), buf + got, len - got);
+    return pos < 0 ? 0 : read_range(bytes, pos, buf, len);
   }
 };
 
@@ -330,9 +322,10 @@ int get_img_size(ImageInfo* info) {
     return 0;
   }
   info->file = file.get();
+  FileBytes bytes(fileno(info->file), st.st_size);
   Source src;
-  src.fd = fileno(info->file);
-  src.head_len = read_range(src.fd, 0, src.head, sizeof src.head);
+  src.bytes = &bytes;
+  src.head_len = read_range(&bytes, 0, src.head, sizeof src.head);
 
   // The tests read the first bytes as text, so each looks only in front of
   // the first zero byte: "BM" behind a JPEG marker makes a BMP.

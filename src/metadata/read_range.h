@@ -38,13 +38,14 @@ inline size_t read_range(int fd, off_t pos, uint8_t* buf, size_t len, bool* fail
                     failed);
 }
 
-// One open media file as its readers see it: the descriptor, the size its
-// open found, and its first kHead bytes. The tag reader and the audio reader
-// of an MP3 both start there (the tag's header and frames, the first audio
-// blocks, and for a small file its last bytes too), so those bytes are read
-// once, by the first read that falls among them, and handed out from memory
-// after that: a file of a few KiB costs one read instead of seven. A read
-// further on goes to the file.
+// One open media file as a reader sees it: the descriptor, the size its
+// open found, and its first kHead bytes. The MP3 tag and audio readers and
+// the image readers do most of their reading there (a tag's header and
+// frames, the first audio blocks, an image's headers and segments, and for a
+// small file its last bytes too), so those bytes are read once, by the first
+// read that falls among them, and handed out from memory after that: an MP3
+// of 4 KiB costs each of its readers one read where it took three or four.
+// A read further on goes to the file.
 class FileBytes : NoCopy {
  public:
   static constexpr size_t kHead = 4096;
@@ -60,7 +61,10 @@ class FileBytes : NoCopy {
     if (pos < 0 || n == 0 || (pos >= off_t(kHead) && !head_read_)) return ::pread(fd_, out, n, pos);
     if (!head_read_) {
       bool failed = false;
-      head_len_ = read_range(fd_, 0, head_, kHead, &failed);
+      // A file the open found shorter is read to that size, so that no
+      // second read is spent on finding its end.
+      const size_t want = size_ > 0 && size_ < off_t(kHead) ? size_t(size_) : kHead;
+      head_len_ = read_range(fd_, 0, head_, want, &failed);
       head_errno_ = failed ? errno : 0;
       head_read_ = true;
     }
