@@ -9,13 +9,12 @@
 #include <string.h>
 #include <strings.h>
 
+#include <new>
 #include <string>
 #include <vector>
 
 #include "library/gathered_journal.h"
 #include "library/schema.h"
-
-Table::~Table() { sqlite3_free_table(cells); }
 
 namespace {
 
@@ -477,25 +476,57 @@ void sql_reuse_statements(bool on) {
 
 bool sql_table(const char* sql, Table* table) {
   clear_error();
-  sqlite3_free_table(table->cells);
-  table->cells = nullptr;
   table->rows = table->cols = 0;
+  table->text.clear();
+  table->cells.clear();
   if (db_ptr == nullptr) {
     set_error("no database open");
     return false;
   }
-  // The single-statement check parses the text once more than get_table
-  // would; that is the price of never running a second statement.
+  // The statement the single-statement check prepared is the one stepped, as
+  // sqlite3_get_table would step its own: column names with the first row,
+  // then each row's values as text.
   sqlite3_stmt* stmt = prepare_one(sql);
   if (stmt == nullptr) return false;
-  sqlite3_finalize(stmt);
-  start_statement();
-  char* err = nullptr;
-  const int rc = sqlite3_get_table(db_ptr, sql, &table->cells, &table->rows, &table->cols, &err);
-  if (rc != SQLITE_OK || err != nullptr) {
-    report_lost_writes(rc);
-    zErrMsg = err ? err : sqlite3_mprintf("%s", sqlite3_errmsg(db_ptr));
-    return false;
+  static const size_t kNull = SIZE_MAX;
+  std::vector<size_t> starts;
+  const auto keep = [&](const char* text) {
+    starts.push_back(text == nullptr ? kNull : table->text.size());
+    if (text != nullptr) table->text.append(text, strlen(text) + 1);
+  };
+  int rc;
+  try {
+    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+      const int cols = sqlite3_column_count(stmt);
+      if (table->rows == 0) {
+        table->cols = cols;
+        for (int i = 0; i < cols; ++i) keep(sqlite3_column_name(stmt, i));
+      }
+      for (int i = 0; i < cols; ++i) {
+        const char* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, i));
+        if (text == nullptr && sqlite3_column_type(stmt, i) != SQLITE_NULL) rc = SQLITE_NOMEM;
+        keep(text);
+      }
+      if (rc == SQLITE_NOMEM) break;
+      ++table->rows;
+    }
+    if (rc == SQLITE_DONE) {
+      table->cells.reserve(starts.size());
+      for (const size_t at : starts) table->cells.push_back(at == kNull ? nullptr : table->text.data() + at);
+    }
+  } catch (const std::bad_alloc&) {
+    rc = SQLITE_NOMEM;
   }
-  return true;
+  if (rc == SQLITE_NOMEM) {
+    report_lost_writes(rc);
+    set_error(sqlite3_errstr(rc));
+  } else if (rc != SQLITE_DONE) {
+    set_sqlite_error(rc);
+  }
+  sqlite3_finalize(stmt);
+  if (rc == SQLITE_DONE) return true;
+  table->rows = table->cols = 0;
+  table->text.clear();
+  table->cells.clear();
+  return false;
 }

@@ -12,18 +12,24 @@
 
 #include <stddef.h>
 
+#include <string>
+#include <vector>
+
 #include "platform/holders.h"
 
 // A query result laid out as sqlite3_get_table lays it out: row 0 holds the
-// column names, rows 1..rows the values. Freed with sqlite3_free_table.
+// column names, rows 1..rows the values; no rows, no columns.
 struct Table : NoCopy {
-  char** cells = nullptr;
   int rows = 0;
   int cols = 0;
-  ~Table();
   // Value of result row `row` (1-based, as the table is laid out) and column
   // `col`; may be nullptr for an SQL NULL.
-  const char* at(int row, int col) const { return cells[row * cols + col]; }
+  const char* at(int row, int col) const { return cells[size_t(row) * size_t(cols) + size_t(col)]; }
+
+  // Filled by sql_table: every cell's text, each ended by a zero byte, and
+  // where each cell starts in it.
+  std::string text;
+  std::vector<const char*> cells;
 };
 
 // Formats one statement into buf[cap] with vsnprintf. Returns false if it was
