@@ -357,7 +357,13 @@ int run(int argc, char** argv) {
   }
 
   phase_line("Scan Music -->");
-  read_ahead_start(read_in_walk);
+  {
+    // The root as the walk opens it; a path without its closing "/" has no
+    // folders advised ahead (its names are joined to its own).
+    const Fd root(open(sharefolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const size_t root_len = strlen(sharefolder);
+    read_ahead_start(root.fd, root_len > 0 && sharefolder[root_len - 1] == '/' ? root_len : 0, read_in_walk);
+  }
   if (ScanMusic(sharefolder, 0) == 0) puts("1scan file fail");
   while (queue_has_folders()) {
     int layer = 0;

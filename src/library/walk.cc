@@ -418,7 +418,7 @@ int ScanMusic(const char* path, int layer) {
     // next folder scanned is given the same ObjID.
     if (!insert_folder_row(path, layer)) return 0;
     for (size_t i = 0; i < names.size(); ++i) {
-      if (folder.base == dir_fd) read_ahead_at(dir_fd, names, i);
+      if (folder.base == dir_fd) read_ahead_at(dir_fd, names, i, queue_head != nullptr ? queue_head->path : nullptr);
       if (!scan_entry(folder, names[i].c_str(), layer)) return 0;
     }
     ++init_objid.media_path_objid;

@@ -8,6 +8,7 @@
 #include <sys/types.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -40,6 +41,7 @@ struct Job {
   unsigned long long seq;         // the entry's place in the walk
   std::shared_ptr<Fd> folder;     // the helpers' own descriptor of the entry's folder
   std::string name;
+  bool next_folder = false;       // name is the path below `folder`, the root, of the folder walked next
 };
 
 struct Helper {
@@ -50,6 +52,9 @@ struct Helper {
   unsigned long long folder_seq = 0;  // the number of entry 0 of the folder being walked
   size_t handed = 0;                  // entries of that folder handed over or passed
   std::shared_ptr<Fd> folder;         // the helpers' descriptor of that folder
+  bool next_handed = false;           // the folder walked next was handed for that folder
+  std::shared_ptr<Fd> root;           // the share root, when its path ends in "/"
+  size_t root_len = 0;                // the length of that path
   bool stop = false;
   bool (*wanted)(const char* name) = nullptr;
   std::vector<std::thread> threads;
@@ -95,6 +100,38 @@ void advise(Helper* h, const Job& job) {
   (void)posix_fadvise(fd.fd, tail, size - tail, POSIX_FADV_WILLNEED);
 }
 
+// The walk is past entry seq.
+bool passed(Helper* h, unsigned long long seq) {
+  std::lock_guard<std::mutex> lock(h->mu);
+  return h->stop || seq <= h->walk_seq;
+}
+
+// Advises the first files of the folder the walk takes next, so that its
+// first entries are not read one after another when the walk gets there: the
+// window handed inside a folder starts at the walk. The folder is listed
+// (at most kListedNames names) and taken in the walk's order.
+void advise_next_folder(Helper* h, const Job& job) {
+  // Reached as the walk reaches it, then opened for reading.
+  const Fd path(open_path_below(job.folder->fd, job.name.c_str()));
+  if (path.fd < 0) return;
+  auto folder = std::make_shared<Fd>(openat(path.fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (folder->fd < 0) return;
+  std::vector<std::string> names;
+  {
+    UniqueDir dir(fdopendir(fcntl(folder->fd, F_DUPFD_CLOEXEC, 0)));
+    struct dirent64* entry;
+    while (dir && names.size() < kListedNames && (entry = readdir64(dir.get())) != nullptr) {
+      const char* name = entry->d_name;
+      if (name[0] != '.' && (entry->d_type == DT_REG || entry->d_type == DT_UNKNOWN) && h->wanted(name))
+        names.emplace_back(name);
+    }
+  }
+  const size_t n = names.size() < size_t(kReadAheadFiles) ? names.size() : size_t(kReadAheadFiles);
+  std::partial_sort(names.begin(), names.begin() + static_cast<std::ptrdiff_t>(n), names.end(),
+                    [](const std::string& a, const std::string& b) { return strcoll(a.c_str(), b.c_str()) < 0; });
+  for (size_t i = 0; i < n && !passed(h, job.seq); ++i) advise(h, Job{job.seq, folder, names[i]});
+}
+
 void run(Helper* h) {
   for (;;) {
     Job job;
@@ -107,16 +144,23 @@ void run(Helper* h) {
       if (job.seq <= h->walk_seq) continue;  // the walk got there first
     }
     // Judged here rather than in the walk, which then pays only for the hand-over.
-    if (h->wanted(job.name.c_str())) advise(h, job);
+    if (job.next_folder)
+      advise_next_folder(h, job);
+    else if (h->wanted(job.name.c_str()))
+      advise(h, job);
   }
 }
 
 }  // namespace
 
-void read_ahead_start(bool (*wanted)(const char* name)) {
+void read_ahead_start(int root_fd, size_t root_len, bool (*wanted)(const char* name)) {
   if (helper != nullptr || wanted == nullptr) return;
   Helper* h = new Helper;
   h->wanted = wanted;
+  if (root_fd >= 0 && root_len > 0) {
+    h->root = std::make_shared<Fd>(fcntl(root_fd, F_DUPFD_CLOEXEC, 0));
+    h->root_len = root_len;
+  }
   start_helpers(&h->threads, run, h);
   if (!h->threads.empty())
     helper = h;
@@ -124,13 +168,14 @@ void read_ahead_start(bool (*wanted)(const char* name)) {
     delete h;
 }
 
-void read_ahead_at(int folder_fd, const std::vector<std::string>& names, size_t index) {
+void read_ahead_at(int folder_fd, const std::vector<std::string>& names, size_t index, const char* next_folder) {
   Helper* h = helper;
   if (h == nullptr || folder_fd < 0 || index >= names.size()) return;
   std::lock_guard<std::mutex> lock(h->mu);
   if (index == 0) {  // a new folder: numbered on past every entry of the last one
     h->folder_seq += static_cast<unsigned long long>(h->handed) + 1;
     h->handed = 0;
+    h->next_handed = false;
     h->folder = std::make_shared<Fd>(fcntl(folder_fd, F_DUPFD_CLOEXEC, 0));
   }
   h->walk_seq = h->folder_seq + static_cast<unsigned long long>(index);
@@ -146,6 +191,15 @@ void read_ahead_at(int folder_fd, const std::vector<std::string>& names, size_t 
     const std::string& name = names[h->handed];
     if (name[0] == '.') continue;
     h->jobs.push_back(Job{h->folder_seq + static_cast<unsigned long long>(h->handed), h->folder, name});
+    pushed = true;
+  }
+  // Once the window reaches the folder's end, the folder walked next: its
+  // entries are numbered from the one past this folder's last.
+  const size_t root_len = h->root ? h->root_len : 0;
+  if (h->handed == names.size() && !h->next_handed && next_folder != nullptr && root_len > 0 &&
+      strlen(next_folder) > root_len) {
+    h->next_handed = true;
+    h->jobs.push_back(Job{h->folder_seq + names.size() + 1, h->root, next_folder + root_len, true});
     pushed = true;
   }
   // Woken for half a window at a time, or the end of the folder: on a warm

@@ -51,24 +51,7 @@ bool take_name(const char* p, size_t len, char (&name)[NAME_MAX + 1]) {
   return false;
 }
 
-// Opens the folders of `rest` ("a/b/", "a//b" alike) one after another from
-// the share root, none through a link. A descriptor of the last, or -1.
-int open_below_root(const char* rest) {
-  int cur = share_root.fd;
-  for (rest += strspn(rest, "/"); *rest != '\0' && cur >= 0; rest += strspn(rest, "/")) {
-    const size_t len = strcspn(rest, "/");
-    char name[NAME_MAX + 1];
-    const int next = take_name(rest, len, name) ? openat(cur, name, kPassFlags) : -1;
-    if (cur != share_root.fd) {
-      const int saved = errno;
-      close(cur);
-      errno = saved;
-    }
-    cur = next;
-    rest += len;
-  }
-  return cur == share_root.fd ? fcntl(cur, F_DUPFD_CLOEXEC, 0) : cur;
-}
+int open_below_root(const char* rest) { return open_path_below(share_root.fd, rest); }
 
 // Opens path with last_flags (which hold O_NOFOLLOW): inside the scanned
 // folder through its descriptor, inside the share from the root, else as given.
@@ -121,6 +104,23 @@ int keep_regular(int fd, struct stat* out) {
 constexpr int kFileFlags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
 
 }  // namespace
+
+int open_path_below(int root_fd, const char* rest) {
+  int cur = root_fd;
+  for (rest += strspn(rest, "/"); *rest != '\0' && cur >= 0; rest += strspn(rest, "/")) {
+    const size_t len = strcspn(rest, "/");
+    char name[NAME_MAX + 1];
+    const int next = take_name(rest, len, name) ? openat(cur, name, kPassFlags) : -1;
+    if (cur != root_fd) {
+      const int saved = errno;
+      close(cur);
+      errno = saved;
+    }
+    cur = next;
+    rest += len;
+  }
+  return cur == root_fd && cur >= 0 ? fcntl(cur, F_DUPFD_CLOEXEC, 0) : cur;
+}
 
 int open_regular(const char* path, struct stat* st) { return keep_regular(open_share_path(path, kFileFlags), st); }
 

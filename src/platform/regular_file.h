@@ -33,6 +33,12 @@ int open_regular(const char* path, struct stat* st = nullptr);
 // path, resolved as given but for its last component).
 int open_regular_at(int dir_fd, const char* name, struct stat* st = nullptr);
 
+// Opens the folders of `rest` ("a/b/", "a//b" alike) one after another from
+// the folder open as root_fd, none through a link and none read, only passed
+// through (O_PATH). A new descriptor of the last (of root_fd itself when rest
+// names none), or -1; "." and ".." are refused. Safe in any thread.
+int open_path_below(int root_fd, const char* rest);
+
 // Opens the share root `path` as a folder, following any link in it (the
 // root is the administrator's setting), and keeps it as the root of the share
 // when path ends in "/". Returns a descriptor of the folder for the caller to
