@@ -226,11 +226,8 @@ int scan_get_mp3tags(const char* path, MusicFileInfo* info) {
     err_log(2, kLogModuleScan, "Cannot open %s\n", path);
     return -1;
   }
-  struct id3_tag* tag = nullptr;
-  {
-    FileBytes file(fd.fd, st.st_size);
-    tag = id3_read_file_tags(&file);
-  }
+  FileBytes file(fd.fd, st.st_size);
+  struct id3_tag* tag = id3_read_file_tags(&file);
   const int saved = errno;
   close(fd.release());  // the tag holds all it needs
   errno = saved;
