@@ -346,12 +346,15 @@ sqlite3_stmt* prepare_one(const char* sql) {
 // Rows written again and again: the same INSERT with other values.
 
 // An INSERT of the scan is composed anew for every song, photo, folder and
-// sorted row, and parsing it cost more than writing its row. Once reuse is on,
-// an INSERT whose quoted literals hold nothing but their own text is run as a
-// statement prepared once, with each literal's text bound in its place: inside
-// VALUES a quoted literal, in single or double quotes, is that text, so the
-// row stored is the same. Anything else, or a template that does not prepare,
-// goes the way of every other statement.
+// sorted row, and an UPDATE for every folder's media flags and every playlist,
+// and parsing one cost more than writing its row. Once reuse is on, such a
+// statement whose quoted literals hold nothing but their own text is run as a
+// statement prepared once, with each literal's text bound in its place.
+// Inside VALUES a quoted literal, in single or double quotes, is that text.
+// In an UPDATE a single-quoted one is too, and a double-quoted one is unless
+// it names a column, which it then stands for: such a text is never bound.
+// Anything else, or a template that does not prepare, goes the way of every
+// other statement.
 struct Reused {
   std::string tmpl;
   sqlite3_stmt* stmt = nullptr;
@@ -363,11 +366,42 @@ constexpr size_t kReusedText = 64u << 10;
 std::vector<Reused> reused;
 bool reuse_on = false;
 
-// Splits an INSERT into its template (each literal a "?") and the literals'
-// texts. False for anything else, for an unterminated literal and for a
-// doubled quote.
-bool split_insert(const char* sql, std::string* tmpl, std::vector<std::string>* texts) {
-  if (strncmp(sql, "insert into ", 12) != 0) return false;
+// The columns of the scan's tables (from kSchemaStatements' CREATE TABLEs),
+// and the names of a row's own number.
+const std::vector<std::string>& column_names() {
+  static const std::vector<std::string> names = [] {
+    std::vector<std::string> out = {"rowid", "oid", "_rowid_"};
+    for (const char* statement : kSchemaStatements) {
+      if (strncmp(statement, "CREATE TABLE ", 13) != 0) continue;
+      const char* open = strchr(statement, '(');
+      const char* close = strrchr(statement, ')');
+      for (const char* p = open; p != nullptr && p < close;) {
+        ++p;
+        p += strspn(p, " ");
+        const size_t len = strcspn(p, " ,)");
+        if (len > 0) out.emplace_back(p, len);
+        // On to the next column: past this one's type, whose parentheses hold no comma.
+        p = strchr(p, ',');
+        if (p == nullptr || p > close) break;
+      }
+    }
+    return out;
+  }();
+  return names;
+}
+
+bool names_a_column(const char* text, size_t len) {
+  for (const std::string& column : column_names())
+    if (column.size() == len && strncasecmp(column.data(), text, len) == 0) return true;
+  return false;
+}
+
+// Splits an INSERT or UPDATE into its template (each literal a "?") and the
+// literals' texts. False for anything else, for an unterminated literal, for a
+// doubled quote and for a double-quoted column name in an UPDATE.
+bool split_statement(const char* sql, std::string* tmpl, std::vector<std::string>* texts) {
+  const bool update = strncmp(sql, "update ", 7) == 0;
+  if (!update && strncmp(sql, "insert into ", 12) != 0) return false;
   tmpl->clear();
   texts->clear();
   for (const char* p = sql; *p != '\0'; ++p) {
@@ -377,6 +411,7 @@ bool split_insert(const char* sql, std::string* tmpl, std::vector<std::string>* 
     }
     const char* end = strchr(p + 1, *p);
     if (end == nullptr || end[1] == *p) return false;
+    if (update && *p == '"' && names_a_column(p + 1, size_t(end - p - 1))) return false;
     texts->emplace_back(p + 1, end);
     *tmpl += '?';
     p = end;
@@ -405,7 +440,7 @@ sqlite3_stmt* reusable(const std::string& tmpl) {
 bool exec_reused(const char* sql) {
   static std::string tmpl;
   static std::vector<std::string> texts;
-  if (!reuse_on || strnlen(sql, kReusedText) == kReusedText || breaks_out(sql) || !split_insert(sql, &tmpl, &texts))
+  if (!reuse_on || strnlen(sql, kReusedText) == kReusedText || breaks_out(sql) || !split_statement(sql, &tmpl, &texts))
     return false;
   sqlite3_stmt* stmt = reusable(tmpl);
   if (stmt == nullptr || sqlite3_bind_parameter_count(stmt) != static_cast<int>(texts.size())) return false;
