@@ -54,10 +54,11 @@ bool sql_format_row(char* buf, size_t cap, const char* table, const char* const*
 // Returns true when zErrMsg is null afterwards.
 bool sql_exec(const char* sql);
 
-// While on, an INSERT whose quoted literals hold only their text runs as a
-// statement prepared once and kept, with the literals' texts bound in their
-// places: the same row, without parsing the text again. Turning it off (before
-// db_ptr is closed) releases the kept statements.
+// While on, an INSERT or UPDATE whose quoted literals hold only their text
+// (and, in an UPDATE, name no column in double quotes) runs as a statement
+// prepared once and kept, with the literals' texts bound in their places: the
+// same row, without parsing the text again. Turning it off (before db_ptr is
+// closed) releases the kept statements.
 void sql_reuse_statements(bool on);
 
 // Runs exactly one query on db_ptr, like sqlite3_get_table, into *table
