@@ -209,6 +209,14 @@ void phase_line(const char* text) {
   out_flush();
 }
 
+// The length of the share root's path when it ends in "/", else 0: a root
+// without its closing "/" has its names joined to its own, and the helpers
+// that list or advise ahead never go where such a scan goes.
+size_t share_root_len(const char* sharefolder) {
+  const size_t len = strlen(sharefolder);
+  return len > 0 && sharefolder[len - 1] == '/' ? len : 0;
+}
+
 // The folders the count goes into: any but a hidden one.
 bool entered_in_count(const char* name) { return !is_hidden_name(name); }
 
@@ -268,10 +276,7 @@ int run(int argc, char** argv) {
       unlink(kMarker);
       return -1;
     }
-    // A root without its closing "/" has its names joined to its own: the
-    // count then goes where no listing ahead would.
-    const size_t root_len = strlen(sharefolder);
-    if (root_len > 0 && sharefolder[root_len - 1] == '/')
+    if (const size_t root_len = share_root_len(sharefolder))
       list_ahead_start(dirfd(share.get()), root_len, kPathLimit, entered_in_count);
     const int32_t counted = Cnt_total_file(sharefolder, share.get());
     (void)list_ahead_finish();
@@ -358,11 +363,8 @@ int run(int argc, char** argv) {
 
   phase_line("Scan Music -->");
   {
-    // The root as the walk opens it; a path without its closing "/" has no
-    // folders advised ahead (its names are joined to its own).
-    const Fd root(open(sharefolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const size_t root_len = strlen(sharefolder);
-    read_ahead_start(root.fd, root_len > 0 && sharefolder[root_len - 1] == '/' ? root_len : 0, read_in_walk);
+    const Fd root(open(sharefolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));  // as the walk opens it
+    read_ahead_start(root.fd, share_root_len(sharefolder), read_in_walk);
   }
   if (ScanMusic(sharefolder, 0) == 0) puts("1scan file fail");
   while (queue_has_folders()) {

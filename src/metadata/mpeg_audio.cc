@@ -251,8 +251,9 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
   const int64_t file_size = file->size() > 0 ? file->size() : 0;
   info->file_size = static_cast<uint32_t>(file_size);  // the record keeps the low 32 bits
 
-  // The first block is kept: the search starts over at byte 0 when no frame
-  // follows the tag, and reads it from here rather than from the file.
+  // The first block decides whether the file can be searched at all. It and
+  // every block the search reads again within the first 4 KiB come from
+  // FileBytes' memory.
   uint8_t first[kBlockSize];
   bool failed = false;
   if (read_range(file, 0, first, sizeof first, &failed) < sizeof first) {
@@ -293,11 +294,7 @@ int scan_get_mp3fileinfo(const char* path, MusicFileInfo* info) {
     if (zero_block && !tag_skipped && err_log_level() < 9) offset = past_zero_blocks(file->fd(), offset, file_size);
     zero_block = false;
     err_log(9, kLogModuleScan, "Reading in new block at %d\n", static_cast<int>(offset));
-    // What the block shares with the first one is taken from it, not read again.
-    const size_t kept = offset < off_t(sizeof first) ? sizeof first - size_t(offset) : 0;
-    memcpy(block, first + (sizeof first - kept), kept);
-    const size_t rest = sizeof block - kept;
-    if (rest > 0 && read_range(file, offset + off_t(kept), block + kept, rest) != rest) {
+    if (read_range(file, offset, block, sizeof block) != sizeof block) {
       printf("Short read: %s\n", path);
       err_log(1, kLogModuleScan, "Short read: %s\n", path);
       return 0;
